@@ -1,0 +1,18 @@
+# The commit identifier: the first 16 hexadecimal digits of the checked-out commit, zeros outside a
+# checkout of our own (a release archive, or our folder inside somebody else's repository).
+set(KY_COMMIT_ID "0000000000000000")
+find_package(Git QUIET)
+if(GIT_FOUND AND EXISTS "${PROJECT_SOURCE_DIR}/.git")
+    execute_process(
+        COMMAND ${GIT_EXECUTABLE} rev-parse --verify HEAD
+        WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+        OUTPUT_VARIABLE ky_head
+        OUTPUT_STRIP_TRAILING_WHITESPACE
+        ERROR_QUIET
+        RESULT_VARIABLE ky_head_failed)
+    if(NOT ky_head_failed AND ky_head MATCHES "^[0-9a-f]+$")
+        string(SUBSTRING "${ky_head}0000000000000000" 0 16 KY_COMMIT_ID)
+    endif()
+endif()
+configure_file(${PROJECT_SOURCE_DIR}/src/frame/Commit.h.in ${PROJECT_BINARY_DIR}/generated/Commit.h
+               @ONLY)

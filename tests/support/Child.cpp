@@ -1,0 +1,119 @@
+#include "support/Child.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+
+namespace ky::test {
+namespace {
+
+int MemoryFile(std::string_view content)
+{
+    const int fd = ::memfd_create("ky-test", MFD_CLOEXEC);
+    EXPECT_EQ(::write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
+    ::lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+std::string TakeContent(int fd)
+{
+    std::string content;
+    char buffer[65536];
+    ::lseek(fd, 0, SEEK_SET);
+    for (ssize_t size = 0; (size = ::read(fd, buffer, sizeof buffer)) > 0;)
+        content.append(buffer, static_cast<std::size_t>(size));
+    ::close(fd);
+    return content;
+}
+
+ChildResult RunRedirected(std::string_view input, const std::function<void()>& body)
+{
+    std::cout.flush();
+    std::fflush(nullptr);
+    // Memory files instead of pipes: whatever amount the child writes, nobody has to read it
+    // meanwhile.
+    const int files[] = {MemoryFile(input), MemoryFile({}), MemoryFile({})};
+    const pid_t child = ::fork();
+    if (child == 0) {
+        for (int fd = 0; fd < 3; ++fd)
+            ::dup2(files[fd], fd);
+        body();
+        std::cout.flush();
+        std::cerr.flush();
+        std::fflush(nullptr);
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    ChildResult result;
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    if (WIFEXITED(status))
+        result.exitCode = WEXITSTATUS(status);
+    else
+        result.signal = WTERMSIG(status);
+    ::close(files[0]);
+    result.out = TakeContent(files[1]);
+    result.err = TakeContent(files[2]);
+    return result;
+}
+
+}  // namespace
+
+ChildResult RunInChild(const std::function<void()>& body)
+{
+    return RunRedirected({}, body);
+}
+
+ChildResult RunCommand(const std::vector<std::string>& arguments, std::string_view input,
+                       const std::function<void()>& prepare)
+{
+    return RunRedirected(input, [&] {
+        std::vector<char*> argv;
+        for (const std::string& argument : arguments)
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        prepare();
+        ::execvp(argv[0], argv.data());
+        ::_exit(127);
+    });
+}
+
+TemporaryFolder::TemporaryFolder()
+{
+    char path[] = "/tmp/ky-test-XXXXXX";
+    if (::mkdtemp(path) == nullptr)
+        std::abort();
+    mPath = path;
+}
+
+TemporaryFolder::~TemporaryFolder()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(mPath, ignored);
+}
+
+std::string TemporaryFolder::write(const std::string& name, std::string_view content) const
+{
+    std::string file = path(name);
+    std::ofstream(file, std::ios::binary) << content;
+    return file;
+}
+
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+}  // namespace ky::test

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ky::test {
+
+/// What became of a child process.
+struct ChildResult {
+    int exitCode = -1;  ///< -1 when a signal ended it
+    int signal = 0;     ///< the signal that ended it, 0 when it exited
+    std::string out;    ///< its standard output
+    std::string err;    ///< its standard error
+};
+
+/// Runs `body` in a forked child with standard output and error caught. The exit code is 0 when
+/// body returns, 1 when an expectation failed in it (reported in `err`), or what body gave to
+/// _exit(2).
+ChildResult RunInChild(const std::function<void()>& body);
+
+/// Runs a program with `input` on its standard input. `prepare` runs in the child before the
+/// program starts and may rearrange its descriptors and environment.
+ChildResult RunCommand(
+    const std::vector<std::string>& arguments, std::string_view input = {},
+    const std::function<void()>& prepare = [] {});
+
+/// A fresh folder, removed with all that is in it.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    std::string path(const std::string& name) const { return mPath + "/" + name; }
+    /// Makes a file and gives its path.
+    std::string write(const std::string& name, std::string_view content) const;
+
+private:
+    std::string mPath;
+};
+
+/// The lines of a text, without their newlines.
+std::vector<std::string> Lines(const std::string& text);
+
+}  // namespace ky::test
