@@ -1,0 +1,247 @@
+#pragma once
+
+#include "ky/SystemError.h"
+#include "ky/kyExport.h"
+
+#include <atomic>
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ky {
+
+class kyLogObject;
+class kyLogParameters;
+
+/// Verbosity of the log below INFO. INFO, WARNING and CRITICAL are always written.
+enum class kyLogLevel : int {
+    All = 0,     ///< DEV, TRACE and DEBUG
+    Debug = 1,   ///< DEV and DEBUG, no TRACE
+    Normal = 2,  ///< none of the three
+};
+
+/// The process-wide log. Messages are composed with `kyLogObject`; each becomes a `LogEntry` that
+/// goes to the console echo (standard output, on from the start), to the custom handler when one
+/// is installed and, when it carries a system-log name, to syslog(3).
+///
+/// A line is the prefix and the message:
+///
+///     WARNING(net) PID 4242 TID 139872 Tue Mar 05 14:03:07+0100 2024 : text
+///
+/// with the sub type only where there is one and the thread id only while DEBUG is enabled.
+///
+/// `initializeKySystem` makes the instance and `terminateKySystem` destroys it. At the light level
+/// a message is written before its log object is gone, on the caller's thread and without a lock:
+/// use it from one thread at a time.
+class KY_API kyLog {
+public:
+    enum EntryLevel : int {
+        Dev = 0,
+        Trace = 1,
+        Debug = 2,
+        Info = 3,
+        Warning = 4,
+        Critical = 5,
+        Suppressed = 6,  ///< nothing is written
+    };
+
+    /// One record of the log. Texts are UTF-8, but bytes that are not reach the sinks as they are.
+    struct KY_API LogEntry {
+        std::string message;
+        std::string subType;        ///< category, may be empty
+        std::string systemLogName;  ///< empty: does not go to the system log
+        std::string prefix;         ///< what `computeLogPrefix` made
+        std::string threadId;       ///< kernel thread id in decimal, empty while DEBUG is disabled
+        unsigned long timeMs = 0;   ///< since the epoch, when the log object was made
+        int level = Suppressed;     ///< `EntryLevel`; others print as "UNKNOWN"
+
+        /// Makes `prefix` anew from the other fields, with the local time of `timeMs` or without.
+        void computeLogPrefix(bool withTime);
+    };
+
+    /// Receives finished entries, in order, with their prefixes: one at a time while the log
+    /// writes on the caller's thread. The list may be changed or emptied. A handler may log,
+    /// configure the log and remove itself: what it logs while it runs reaches the other sinks at
+    /// once and the handler in one further batch when it returns; what it logs during that batch
+    /// does not reach the handler again. It must not throw.
+    using CustomHandler = void (*)(std::list<LogEntry>& batch, void* userData);
+
+    explicit kyLog(bool threadSafe);
+    ~kyLog();
+    kyLog(const kyLog&) = delete;
+    kyLog& operator=(const kyLog&) = delete;
+
+    /// `setLogLevel` with a value outside the enumeration is `Normal`.
+    void setLogLevel(kyLogLevel level);
+    kyLogLevel getLogLevel() const;
+
+    /// Lets DEBUG entries of the named sub types through (`enabled`) or drops them from console
+    /// and file; the custom handler sees them anyway, and other levels are never dropped. Names in
+    /// the text form are separated by blanks and by , ; \ | and /. White space around a name does
+    /// not belong to it. An empty name, which stands for entries without sub type, counts in the
+    /// vector form only. A null text names nothing.
+    void setSubTypeEnabled(const char* subTypes, bool enabled);
+    void setSubTypeEnabled(const std::vector<std::string>& subTypes, bool enabled);
+
+    /// Whether lines are written to standard output.
+    void setEchoToConsole(bool echo);
+
+    /// False, and no change, when there is a handler already; null removes it and is always true.
+    /// `userData` is borrowed until the handler has been removed.
+    bool installCustomHandler(CustomHandler handler, void* userData);
+
+    /// Returns when everything logged before has reached its sinks.
+    void flush();
+
+    /// Takes a finished entry, whatever its level: the enable flags are tested by `kyLogObject`.
+    /// The entry is moved from.
+    void Write(LogEntry& entry, bool flushNow);
+
+    /// Makes the instance and opens the system log (openlog(3), facility LOG_USER). Does nothing
+    /// when there is one.
+    static void createInstance(bool threadSafe);
+
+    /// Destroys the instance, if any. Must be the last use of the log.
+    static void destroyInstance();
+
+    /// Null while there is none. Any thread.
+    static kyLog* Instance() { return __atomic_load_n(&msInstance, __ATOMIC_ACQUIRE); }
+
+    /// Whether a log object of this level writes anything. Any thread.
+    static bool IsLevelEnabled(int level)
+    {
+        if (level < Dev || level >= Suppressed)
+            return level != Suppressed;
+        const kyLog* const log = Instance();
+        return log == nullptr || log->mEnabled[level].load(std::memory_order_relaxed);
+    }
+
+    /// The current local time as it stands in a line, "%a %b %d %H:%M:%S%z %Y" (strftime(3)).
+    static std::string GetTime();
+
+    /// Writes a batch to the sinks that `parameters` name, on the calling thread.
+    static void WriteImpl(kyLogParameters& parameters, std::list<LogEntry>& batch);
+
+    /// Sends name, " : ", prefix and message to syslog(3), cut to 16384 bytes and in the local
+    /// 8-bit set (or as they are where they do not convert): LOG_WARNING for WARNING, LOG_CRIT for
+    /// CRITICAL, LOG_INFO for the others, nothing for DEBUG. The text ends at its first zero byte.
+    /// With `echoToStderr` the line also goes to standard error. Blocks while the system's log
+    /// daemon does not read. Any thread; takes no lock of the library.
+    static void WriteToSystemLog(const LogEntry& entry, bool echoToStderr);
+
+    static kyLog* msInstance;
+
+private:
+    friend class kyLogObject;
+
+    static constexpr std::size_t sLevelCount = 6;
+
+    void writeBatch(std::list<LogEntry>& batch, bool flushNow);
+
+    const std::unique_ptr<kyLogParameters> mParameters;
+    std::atomic<bool> mEnabled[sLevelCount];  // written by setLogLevel, read by everyone
+};
+
+/// Composes one message, stream-style, and hands it to the log when it is destroyed:
+///
+///     kyLogObject(kyLog::Warning, "net") << "lost " << count << " packets";
+///
+/// A disabled level costs one test of a flag. Nothing inserted, nothing written; an empty text
+/// counts as something. Without a log instance the line goes to standard output or, with a
+/// system-log name, to the system log and standard error. Numbers look as in a stream of the
+/// classic locale with its defaults. Leaves `errno` as it was. Each object belongs to one thread.
+///
+/// Running out of memory in the destructor ends the program.
+class KY_API kyLogObject {
+public:
+    /// `level` is a `kyLog::EntryLevel`; others are written as "UNKNOWN". The names are copied,
+    /// null stands for none.
+    explicit kyLogObject(int level, const char* subType = nullptr,
+                         const char* systemLogName = nullptr)
+    {
+        if (kyLog::IsLevelEnabled(level))
+            begin(level, subType, systemLogName);
+    }
+    ~kyLogObject()
+    {
+        if (mActive)
+            emit();
+    }
+    kyLogObject(const kyLogObject&) = delete;
+    kyLogObject& operator=(const kyLogObject&) = delete;
+
+    /// Null prints "[NullPtr]".
+    kyLogObject& operator<<(const char* text) { return mActive ? insertText(text) : *this; }
+    kyLogObject& operator<<(std::string_view text) { return mActive ? insert(text) : *this; }
+    kyLogObject& operator<<(const std::string& text) { return mActive ? insert(text) : *this; }
+
+    /// 0 or 1.
+    kyLogObject& operator<<(bool value) { return mActive ? insertNumber(value ? 1L : 0L) : *this; }
+
+    kyLogObject& operator<<(char value) { return mActive ? insertCharacter(value) : *this; }
+    kyLogObject& operator<<(signed char value) { return *this << static_cast<char>(value); }
+    kyLogObject& operator<<(unsigned char value) { return *this << static_cast<char>(value); }
+
+    kyLogObject& operator<<(short value) { return *this << static_cast<long>(value); }
+    kyLogObject& operator<<(int value) { return *this << static_cast<long>(value); }
+    kyLogObject& operator<<(long value) { return mActive ? insertNumber(value) : *this; }
+    kyLogObject& operator<<(long long value) { return *this << static_cast<long>(value); }
+    kyLogObject& operator<<(unsigned short v) { return *this << static_cast<unsigned long>(v); }
+    kyLogObject& operator<<(unsigned int v) { return *this << static_cast<unsigned long>(v); }
+    kyLogObject& operator<<(unsigned long v) { return mActive ? insertNumber(v) : *this; }
+    kyLogObject& operator<<(unsigned long long v) { return *this << static_cast<unsigned long>(v); }
+
+    /// Six significant digits.
+    kyLogObject& operator<<(float value) { return *this << static_cast<double>(value); }
+    kyLogObject& operator<<(double value) { return mActive ? insertNumber(value) : *this; }
+    kyLogObject& operator<<(long double value) { return mActive ? insertNumber(value) : *this; }
+
+    /// What `SystemError::toString` gives.
+    kyLogObject& operator<<(SystemError error);
+
+    /// The address in hexadecimal, "0" for null. Wide texts, functions and members have no text.
+    kyLogObject& operator<<(const volatile void* address)
+    {
+        return mActive ? insertAddress(address) : *this;
+    }
+    kyLogObject& operator<<(const wchar_t*) = delete;
+    kyLogObject& operator<<(const char16_t*) = delete;
+    kyLogObject& operator<<(const char32_t*) = delete;
+    template <typename Result, typename... Arguments>
+    kyLogObject& operator<<(Result (*)(Arguments...)) = delete;
+    template <typename Member, typename Class>
+    kyLogObject& operator<<(Member Class::*) = delete;
+
+    /// Makes the destructor wait until the entry has reached its sinks.
+    kyLogObject& setFlushNow(bool flushNow = true)
+    {
+        mFlushNow = flushNow;
+        return *this;
+    }
+
+private:
+    void begin(int level, const char* subType, const char* systemLogName);
+    void emit() noexcept;
+    kyLogObject& insert(std::string_view text);
+    kyLogObject& insertText(const char* text);
+    kyLogObject& insertCharacter(char value);
+    kyLogObject& insertAddress(const volatile void* address);
+    kyLogObject& insertNumber(long value);
+    kyLogObject& insertNumber(unsigned long value);
+    kyLogObject& insertNumber(double value);
+    kyLogObject& insertNumber(long double value);
+
+    bool mActive = false;  // the rest below is in use
+    bool mInserted = false;
+    bool mFlushNow = false;
+    kyLog* mLog = nullptr;
+    // The entry is born in the list node in which it travels, and only for an enabled level.
+    union {
+        std::list<kyLog::LogEntry> mEntry;
+    };
+};
+
+}  // namespace ky

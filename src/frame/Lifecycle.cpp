@@ -1,0 +1,66 @@
+#include "ky/kyLog.h"
+#include "ky/kyMathUtils.h"
+#include "ky/kyStringUtils.h"
+#include "ky/kySystem.h"
+#include "ky/kySystemUtils.h"
+
+#include "frame/State.h"
+
+namespace ky {
+namespace {
+
+// The names fit into a string's own buffer: nothing is allocated, nothing can throw.
+// NOLINTBEGIN(cert-err58-cpp)
+impl::LibInitCounter sLightCounter("systemlight", true);
+impl::LibInitCounter sFullCounter("systemfull", false);
+// NOLINTEND(cert-err58-cpp)
+
+void StartLight()
+{
+    impl::State::SetLevel(static_cast<int>(InitType::Light));
+    // First of all: whatever is created after it may have something to report.
+    kyLog::createInstance(false);
+    kyMathUtils::InitializeLaneMasks();
+    kySystemUtils::InitializeSystemUtils();
+    kyStringUtils::InitializeStringUtils();
+}
+
+void StartFull(bool lookupMainHddDevice)
+{
+    // Level and process id stay together: between them a forked child that starts anew would be
+    // taken for one that went on.
+    impl::State::SetLevel(static_cast<int>(InitType::Full));
+    impl::State::SetFullInitProcessId(kySystemUtils::GetCurrentProcessID());
+    if (lookupMainHddDevice)
+        getMainHDDDevice();
+}
+
+}  // namespace
+
+void initializeKySystem(InitType type, bool lookupMainHddDevice)
+{
+    if (type != InitType::Light && type != InitType::Full)
+        return;
+    if (sLightCounter.incrementInitCounter())
+        StartLight();
+    // After a surplus terminate the full steps run without the light ones: each of them stands it
+    // that there is no log and no string utilities.
+    if (type == InitType::Full && sFullCounter.incrementInitCounter())
+        StartFull(lookupMainHddDevice);
+}
+
+void terminateKySystem()
+{
+    if (!sLightCounter.decrementInitCounter())
+        return;
+    sFullCounter.clearInitCounter();
+    // The last lines of the log need the string utilities for their time.
+    if (kyLog* const log = kyLog::Instance())
+        log->flush();
+    kyStringUtils::TerminateStringUtils();
+    kySystemUtils::TerminateSystemUtils();
+    kyLog::destroyInstance();
+    impl::State::SetLevel(0);
+}
+
+}  // namespace ky

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ky::impl {
+
+/// What a log line looks like and how it leaves the process, for the log and for the writer that
+/// speaks while there is none.
+
+inline constexpr char sLogTimeFormat[] = "%a %b %d %H:%M:%S%z %Y";
+
+/// "DEV" to "CRITICAL" for 0 to 5, else "UNKNOWN".
+const char* LogLevelName(int level) noexcept;
+
+/// Appends level name, "(sub type)", process id, "TID " and the thread id, time and ": ". Empty
+/// texts of the first two leave their piece out; only no time at all leaves the time out.
+void AppendLogPrefix(std::string& out, int level, std::string_view subType,
+                     std::string_view threadId, std::optional<std::string_view> timeText);
+
+/// Writes `line` and a newline in one unformatted write and flushes. A failure is forgotten: the
+/// stream is left in the state that it had.
+void WriteLine(std::ostream& stream, std::string& line);
+
+/// Cuts to the 16384 bytes that a system-log message may have, back to a whole UTF-8 code point.
+void CutToSystemLogSize(std::string& textUtf8);
+
+/// Hands `localText` to syslog(3), which blocks while the daemon does not read. Up to the first
+/// zero byte, as syslog(3) takes a C string.
+void SendToSystemLog(int level, const std::string& localText);
+
+}  // namespace ky::impl

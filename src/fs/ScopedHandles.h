@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace ky::impl {
+
+/// Repeats `call` while a signal interrupts it (signal(7)). Never for close(2): Linux has freed
+/// the number by then, and another thread may already own it. `ScopedFd` closes once.
+template <typename Call>
+auto RetryOnEintr(Call call)
+{
+    auto result = call();
+    while (result == -1 && errno == EINTR)
+        result = call();
+    return result;
+}
+
+/// Owns a file descriptor, or none. Leaves `errno` as it was, so that it can be made from the
+/// result of a call and `errno` asked afterwards.
+class ScopedFd {
+public:
+    ScopedFd() = default;
+
+    /// Takes `fd` over; -1 means none. A number below 3 is exchanged for a higher one, because the
+    /// host or a program that it starts would take it for a standard stream. When none is left the
+    /// file is closed, and `errno` tells why.
+    explicit ScopedFd(int fd) : mFd(fd)
+    {
+        if (fd < 0 || fd > 2)
+            return;
+        mFd = ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
+        closeKeepingErrno(fd);
+    }
+    ~ScopedFd() { reset(); }
+    ScopedFd(ScopedFd&& other) noexcept : mFd(other.release()) {}
+    ScopedFd& operator=(ScopedFd&& other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            mFd = other.release();
+        }
+        return *this;
+    }
+
+    int get() const { return mFd; }
+    explicit operator bool() const { return mFd >= 0; }
+    int release() { return std::exchange(mFd, -1); }
+    void reset()
+    {
+        if (mFd >= 0)
+            closeKeepingErrno(release());
+    }
+
+private:
+    static void closeKeepingErrno(int fd)
+    {
+        const int savedErrno = errno;
+        ::close(fd);
+        errno = savedErrno;
+    }
+
+    int mFd = -1;
+};
+
+struct HandleCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using ScopedFile = std::unique_ptr<std::FILE, HandleCloser>;
+
+}  // namespace ky::impl

@@ -1,0 +1,123 @@
+#include "ky/kyLog.h"
+#include "ky/kyStringUtils.h"
+#include "ky/kySystemUtils.h"
+
+#include "frame/LogLine.h"
+#include "frame/ThreadId.h"
+#include "log/LogParameters.h"
+#include "log/LogTime.h"
+
+#include <iostream>
+#include <utility>
+
+namespace ky {
+namespace {
+
+using Batch = std::list<kyLog::LogEntry>;
+
+// Set while a custom handler runs on this thread: where entries go that it logs itself. Handed
+// over at once they would call it again, without end if it answers each batch with a line.
+constinit thread_local Batch* tHeldBack = nullptr;
+constinit thread_local bool tHandlerRuns = false;
+
+class HandlerScope {
+public:
+    explicit HandlerScope(Batch* heldBack) noexcept
+    {
+        tHandlerRuns = true;
+        tHeldBack = heldBack;
+    }
+    ~HandlerScope()
+    {
+        tHandlerRuns = false;
+        tHeldBack = nullptr;
+    }
+    HandlerScope(const HandlerScope&) = delete;
+    HandlerScope& operator=(const HandlerScope&) = delete;
+};
+
+void CallHandler(const kyLogParameters& parameters, Batch& batch, Batch* heldBack)
+{
+    if (parameters.mHandler == nullptr)
+        return;
+    const HandlerScope scope(heldBack);
+    // A copy, since the handler may remove itself.
+    const auto handler = parameters.mHandler;
+    handler(batch, parameters.mHandlerData);
+}
+
+void HandOver(const kyLogParameters& parameters, Batch& batch)
+{
+    if (tHandlerRuns) {
+        if (tHeldBack != nullptr)
+            tHeldBack->splice(tHeldBack->end(), batch);
+        return;
+    }
+    Batch heldBack;
+    CallHandler(parameters, batch, &heldBack);
+    if (!heldBack.empty())
+        CallHandler(parameters, heldBack, nullptr);
+}
+
+bool IsFiltered(const kyLogParameters& parameters, const kyLog::LogEntry& entry)
+{
+    return entry.level == kyLog::Debug && parameters.mDisabledSubTypes.count(entry.subType) != 0;
+}
+
+void WriteNotice(kyLogParameters& parameters)
+{
+    Batch notice(1);
+    notice.front().level = kyLog::Debug;
+    notice.front().timeMs = static_cast<unsigned long>(kySystemUtils::GetMSecElapsedSinceEpoch());
+    notice.front().threadId = impl::CurrentThreadIdText();
+    // Emptied before the recursion, which would never end otherwise.
+    notice.front().message = std::exchange(parameters.mPendingNotice, std::string());
+    kyLog::WriteImpl(parameters, notice);
+}
+
+}  // namespace
+
+void kyLog::LogEntry::computeLogPrefix(bool withTime)
+{
+    prefix.clear();
+    std::optional<std::string_view> time;
+    if (withTime)
+        time = impl::LogTime(static_cast<long>(timeMs / 1000UL));
+    impl::AppendLogPrefix(prefix, level, subType, threadId, time);
+}
+
+void kyLog::WriteImpl(kyLogParameters& parameters, std::list<LogEntry>& batch)
+{
+    for (LogEntry& entry : batch) {
+        const bool filtered = IsFiltered(parameters, entry);
+        // Notices are about the writer's own doing and come before the entry that shows it.
+        if (!filtered && !parameters.mPendingNotice.empty())
+            WriteNotice(parameters);
+        // A filtered entry gets its prefix too: the custom handler sees the whole batch.
+        entry.computeLogPrefix(true);
+        if (filtered || !parameters.echoesToConsole())
+            continue;
+        std::string line = entry.prefix + entry.message;
+        impl::WriteLine(std::cout, line);
+    }
+    HandOver(parameters, batch);
+}
+
+void kyLog::WriteToSystemLog(const LogEntry& entry, bool echoToStderr)
+{
+    if (entry.level == Debug)
+        return;
+    std::string text;
+    if (!entry.systemLogName.empty())
+        text.append(entry.systemLogName).append(" : ");
+    text.append(entry.prefix).append(entry.message);
+    impl::CutToSystemLogSize(text);
+    if (echoToStderr)
+        impl::WriteLine(std::cerr, text);
+    // One invalid byte makes the whole conversion empty; the raw bytes say more than nothing.
+    const std::string localText = kyStringUtils::convertCharset(text, kyStringUtils::CharSetUtf8,
+                                                                kyStringUtils::CharSetLocal8Bit);
+    impl::SendToSystemLog(entry.level, localText.empty() ? text : localText);
+}
+
+}  // namespace ky

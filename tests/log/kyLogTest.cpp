@@ -1,0 +1,404 @@
+#include "ky/kyLog.h"
+
+#include "ky/kySystemUtils.h"
+
+#include "log/LogParameters.h"
+#include "support/Child.h"
+#include "support/Library.h"
+
+#include <functional>
+#include <iomanip>
+#include <limits>
+#include <locale>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+
+using ky::kyLog;
+using ky::kyLogLevel;
+using ky::kyLogObject;
+using ky::test::CaughtStream;
+
+namespace {
+
+using Batch = std::list<kyLog::LogEntry>;
+
+/// A custom handler that keeps the messages of each batch, and does what a test adds.
+struct Recorder {
+    std::vector<std::vector<std::string>> batches;
+    std::function<void(Batch&)> then = [](Batch&) {};
+
+    static void Handle(Batch& batch, void* self)
+    {
+        auto& recorder = *static_cast<Recorder*>(self);
+        recorder.batches.emplace_back();
+        for (const auto& entry : batch)
+            recorder.batches.back().push_back(entry.message);
+        recorder.then(batch);
+    }
+};
+
+struct Log : ky::test::LightLibrary {
+    Log() : out(std::cout), log(*kyLog::Instance()) {}
+
+    /// What `insert` puts into one message.
+    std::string message(const std::function<void(kyLogObject&)>& insert)
+    {
+        {
+            kyLogObject object(kyLog::Info);
+            insert(object);
+        }
+        const std::string line = out.take();
+        const std::size_t start = line.find(" : ");
+        EXPECT_NE(start, std::string::npos) << line;
+        EXPECT_EQ(line.back(), '\n');
+        return line.substr(start + 3, line.size() - start - 4);
+    }
+
+    CaughtStream out;
+    kyLog& log;
+};
+
+template <typename Value>
+std::string Streamed(Value value)
+{
+    std::ostringstream stream;
+    stream.imbue(std::locale::classic());
+    stream << value;
+    return stream.str();
+}
+
+struct Grouping : std::numpunct<char> {
+    char do_thousands_sep() const override { return '.'; }
+    char do_decimal_point() const override { return ','; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+}  // namespace
+
+TEST_F(Log, WritesTheToldLine)
+{
+    kyLogObject(kyLog::Warning, "net") << "text";
+    const std::string pid = std::to_string(::getpid());
+    const std::string time =
+        "[A-Z][a-z]{2} [A-Z][a-z]{2} \\d\\d \\d\\d:\\d\\d:\\d\\d[+-]\\d{4} \\d{4}";
+    EXPECT_TRUE(std::regex_match(
+        out.take(), std::regex("WARNING\\(net\\) PID " + pid + " " + time + " : text\n")));
+
+    log.setLogLevel(kyLogLevel::Debug);
+    kyLogObject(kyLog::Debug) << "with thread";
+    const std::string tid = std::to_string(::syscall(SYS_gettid));
+    EXPECT_TRUE(std::regex_match(out.take(), std::regex("DEBUG PID " + pid + " TID " + tid + " " +
+                                                        time + " : with thread\n")));
+
+    for (const int level : {-1, 7, std::numeric_limits<int>::max()}) {
+        kyLogObject(level, "", "") << "odd";
+        EXPECT_EQ(out.take().find("UNKNOWN PID "), 0u) << level;
+    }
+}
+
+TEST_F(Log, RebuildsThePrefixFromNothing)
+{
+    kyLog::LogEntry entry;
+    EXPECT_EQ(entry.level, kyLog::Suppressed);
+    entry.level = kyLog::Critical;
+    entry.subType = "disk";
+    entry.threadId = "17";
+    entry.computeLogPrefix(false);
+    entry.computeLogPrefix(false);
+    EXPECT_EQ(entry.prefix, "CRITICAL(disk) PID " + std::to_string(::getpid()) + " TID 17 : ");
+}
+
+TEST_F(Log, EnablesTheLevelsBelowInfoByVerbosity)
+{
+    const struct {
+        int verbosity;
+        kyLogLevel told;
+        std::string written;
+    } rows[] = {{0, kyLogLevel::All, "012345"},
+                {1, kyLogLevel::Debug, "02345"},
+                {2, kyLogLevel::Normal, "345"},
+                {-1, kyLogLevel::Normal, "345"},
+                {9, kyLogLevel::Normal, "345"}};
+    EXPECT_EQ(log.getLogLevel(), kyLogLevel::Normal);
+    for (const auto& row : rows) {
+        log.setLogLevel(kyLogLevel::All);
+        log.setLogLevel(static_cast<kyLogLevel>(row.verbosity));
+        EXPECT_EQ(log.getLogLevel(), row.told);
+        std::string written;
+        for (int level = kyLog::Dev; level <= kyLog::Suppressed; ++level) {
+            kyLogObject(level) << level;
+            if (!out.take().empty())
+                written += std::to_string(level);
+        }
+        EXPECT_EQ(written, row.written) << row.verbosity;
+    }
+}
+
+TEST_F(Log, WritesWhatWasInsertedBeItEmptyAndNothingForNothing)
+{
+    kyLogObject(kyLog::Critical, "a", nullptr).setFlushNow();
+    EXPECT_EQ(out.take(), "");
+    EXPECT_EQ(message([](auto& o) { o << ""; }), "");
+    EXPECT_EQ(message([](auto& o) { o << static_cast<const char*>(nullptr) << "!"; }),
+              "[NullPtr]!");
+    EXPECT_EQ(message([](auto& o) { o << std::string("a\0b", 3) << std::string_view("\xff"); }),
+              std::string("a\0b\xff", 4));
+    const std::string megabyte(1 << 20, 'x');
+    EXPECT_EQ(message([&](auto& o) { o << megabyte; }), megabyte);
+    EXPECT_EQ(message([](auto& o) { o << ky::SystemError(2); }), ky::SystemError(2).toString());
+}
+
+TEST_F(Log, FormatsNumbersAsAClassicStreamDoesWhateverTheLocale)
+{
+    const std::locale previous = std::locale::global(std::locale(std::locale(), new Grouping));
+    const auto expectStreamed = [this](auto value) {
+        EXPECT_EQ(message([&](auto& o) { o << value; }), Streamed(value));
+    };
+    for (const double value :
+         {0.0, -0.0, 1.0, 0.1, 1234567.0, 1e5, 1e6, 123456.5, 1e-5, 0.0001, 1e300, -2.5, 1.0 / 3,
+          std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+          std::nan(""), std::numeric_limits<double>::denorm_min()}) {
+        expectStreamed(value);
+        expectStreamed(static_cast<float>(value));
+        expectStreamed(static_cast<long double>(value));
+    }
+    expectStreamed(std::numeric_limits<long double>::max());
+    expectStreamed(std::numeric_limits<long>::min());
+    expectStreamed(std::numeric_limits<unsigned long>::max());
+    expectStreamed(std::numeric_limits<unsigned long long>::max());
+    expectStreamed(std::numeric_limits<long long>::min());
+    expectStreamed(-1);
+    expectStreamed(4000000000U);
+    expectStreamed(static_cast<short>(-1234));
+    expectStreamed(static_cast<unsigned short>(65535));
+    expectStreamed('x');
+    expectStreamed(static_cast<signed char>('y'));
+    expectStreamed(static_cast<unsigned char>('z'));
+    expectStreamed(true);
+    expectStreamed(static_cast<const void*>(this));
+    expectStreamed(static_cast<void*>(nullptr));
+    std::locale::global(previous);
+}
+
+TEST_F(Log, DropsDebugEntriesOfDisabledSubTypesFromTheConsoleOnly)
+{
+    const auto written = [this](int level, const char* subType) {
+        kyLogObject(level, subType) << "x";
+        return !out.take().empty();
+    };
+    log.setLogLevel(kyLogLevel::All);
+    log.setSubTypeEnabled("net, disk;\tcpu |a\\b/c  ", false);
+    for (const char* name : {"net", "disk", "cpu", "a", "b", "c"})
+        EXPECT_FALSE(written(kyLog::Debug, name)) << name;
+    EXPECT_TRUE(written(kyLog::Debug, nullptr)) << "an empty name between separators counted";
+    EXPECT_TRUE(written(kyLog::Debug, "Net"));
+    for (const int level : {kyLog::Dev, kyLog::Trace, kyLog::Info, kyLog::Warning})
+        EXPECT_TRUE(written(level, "net"));
+    log.setSubTypeEnabled(" net\n", true);
+    EXPECT_TRUE(written(kyLog::Debug, "net"));
+    log.setSubTypeEnabled(static_cast<const char*>(nullptr), false);
+    log.setSubTypeEnabled(std::vector<std::string>{" two words\t", ""}, false);
+    EXPECT_FALSE(written(kyLog::Debug, "two words"));
+    EXPECT_FALSE(written(kyLog::Debug, nullptr));
+
+    Recorder recorder;
+    std::string prefix;
+    recorder.then = [&](Batch& batch) { prefix = batch.front().prefix; };
+    log.installCustomHandler(&Recorder::Handle, &recorder);
+    EXPECT_FALSE(written(kyLog::Debug, "disk"));
+    EXPECT_EQ(recorder.batches, (std::vector<std::vector<std::string>>{{"x"}}));
+    EXPECT_EQ(prefix.find("DEBUG(disk) PID "), 0u);
+}
+
+TEST_F(Log, KeepsItsFirstCustomHandlerUntilItIsRemoved)
+{
+    Recorder first;
+    Recorder second;
+    EXPECT_TRUE(log.installCustomHandler(nullptr, nullptr));
+    EXPECT_TRUE(log.installCustomHandler(&Recorder::Handle, &first));
+    EXPECT_FALSE(log.installCustomHandler(&Recorder::Handle, &second));
+    kyLogObject(kyLog::Info) << "one";
+    EXPECT_TRUE(log.installCustomHandler(nullptr, &second));
+    kyLogObject(kyLog::Info) << "two";
+    EXPECT_TRUE(log.installCustomHandler(&Recorder::Handle, &second));
+    log.setEchoToConsole(false);
+    out.take();
+    kyLogObject(kyLog::Info) << "three";
+    EXPECT_EQ(out.take(), "");
+    EXPECT_EQ(first.batches, (std::vector<std::vector<std::string>>{{"one"}}));
+    EXPECT_EQ(second.batches, (std::vector<std::vector<std::string>>{{"three"}}));
+    log.installCustomHandler(nullptr, nullptr);
+}
+
+TEST_F(Log, LetsAHandlerLogConfigureAndRemoveItself)
+{
+    Recorder recorder;
+    recorder.then = [&](Batch& batch) {
+        const std::string reason = batch.front().message;
+        kyLogObject(kyLog::Info) << "about " << reason;
+        kyLogObject(kyLog::Info) << "again about " << reason;
+        log.flush();
+        log.setLogLevel(kyLogLevel::Normal);
+        batch.clear();
+    };
+    log.installCustomHandler(&Recorder::Handle, &recorder);
+    kyLogObject(kyLog::Info) << "start";
+    // kept: held back for one further batch; what that batch caused went to the console only.
+    EXPECT_EQ(recorder.batches, (std::vector<std::vector<std::string>>{
+                                    {"start"}, {"about start", "again about start"}}));
+    EXPECT_EQ(ky::test::Lines(out.take()).size(), 5u);
+
+    recorder.then = [&](Batch&) {
+        kyLogObject(kyLog::Info) << "last words";
+        EXPECT_TRUE(log.installCustomHandler(nullptr, nullptr));
+    };
+    recorder.batches.clear();
+    kyLogObject(kyLog::Info) << "leave";
+    kyLogObject(kyLog::Info) << "unheard";
+    EXPECT_EQ(recorder.batches, (std::vector<std::vector<std::string>>{{"leave"}}));
+    EXPECT_EQ(ky::test::Lines(out.take()).size(), 3u);
+}
+
+TEST_F(Log, WritesAPendingNoticeBeforeTheEntryAndAsABatchOfItsOwn)
+{
+    Recorder recorder;
+    ky::kyLogParameters parameters;
+    parameters.mHandler = &Recorder::Handle;
+    parameters.mHandlerData = &recorder;
+    parameters.mPendingNotice = "notice";
+    parameters.mDisabledSubTypes.insert("quiet");
+    Batch batch(2);
+    batch.front().level = kyLog::Debug;
+    batch.front().subType = "quiet";
+    batch.back().level = kyLog::Info;
+    batch.front().message = "filtered";
+    batch.back().message = "entry";
+    kyLog::WriteImpl(parameters, batch);
+    const auto lines = ky::test::Lines(out.take());
+    ASSERT_EQ(lines.size(), 2u);
+    const std::string tid = std::to_string(::syscall(SYS_gettid));
+    EXPECT_NE(lines[0].find(" TID " + tid + " "), std::string::npos);
+    EXPECT_NE(lines[0].find(" : notice"), std::string::npos);
+    EXPECT_EQ(recorder.batches,
+              (std::vector<std::vector<std::string>>{{"notice"}, {"filtered", "entry"}}));
+    EXPECT_EQ(parameters.mPendingNotice, "");
+}
+
+TEST_F(Log, WritesToStandardOutputWhateverTheHostDidToIt)
+{
+    std::cout << std::setw(200) << std::setfill('#') << std::hex << std::showbase;
+    EXPECT_EQ(message([](auto& o) { o << 255; }), "255");
+    std::cout << std::dec << std::setw(0) << std::setfill(' ') << std::noshowbase;
+
+    struct Full : std::streambuf {
+    } full;
+    std::streambuf* const caught = std::cout.rdbuf(&full);
+    kyLogObject(kyLog::Info) << "lost";
+    EXPECT_TRUE(std::cout.good());
+    std::cout.exceptions(std::ios::badbit);
+    kyLogObject(kyLog::Info) << "lost";
+    std::cout.exceptions(std::ios::goodbit);
+    std::cout.rdbuf(caught);
+    EXPECT_EQ(message([](auto& o) { o << "back"; }), "back");
+
+    std::cout.setstate(std::ios::failbit);
+    kyLogObject(kyLog::Info) << "x";
+    EXPECT_TRUE(std::cout.fail()) << "the host's own state was cleared";
+    std::cout.clear();
+}
+
+TEST_F(Log, LeavesErrnoAlone)
+{
+    log.setLogLevel(kyLogLevel::All);
+    errno = 133;
+    kyLogObject(kyLog::Debug) << 1.5 << std::string(100000, 'x') << ky::SystemError(errno);
+    EXPECT_EQ(errno, 133);
+    kyLogObject(kyLog::Info, nullptr, "ky-test") << "no system log runs here";
+    EXPECT_EQ(errno, 133);
+}
+
+TEST_F(Log, ShowsTheSecondOfEachEntryInAnyOrder)
+{
+    kyLog::LogEntry entry;
+    for (const long second :
+         {1709647387L, 1709647388L, 1709647387L, 1709683199L, 1709683200L, 0L}) {
+        entry.timeMs = static_cast<unsigned long>(second) * 1000 + 999;
+        entry.computeLogPrefix(true);
+        const std::string time = ky::kySystemUtils::ConvertSecElapsedSinceEpochToString(
+            second, "%a %b %d %H:%M:%S%z %Y", true);
+        EXPECT_NE(entry.prefix.find(" " + time + " : "), std::string::npos) << entry.prefix;
+    }
+}
+
+TEST(LogTime, FollowsTheTimeZoneOfEachInitialisation)
+{
+    const auto prefixIn = [](const char* zone) {
+        ::setenv("TZ", zone, 1);
+        ky::initializeKySystem(ky::InitType::Light, false);
+        kyLog::LogEntry entry;
+        entry.timeMs = 1709647387000UL;
+        entry.computeLogPrefix(true);
+        ky::terminateKySystem();
+        return entry.prefix;
+    };
+    EXPECT_NE(prefixIn("XXX-1").find("Tue Mar 05 15:03:07+0100 2024"), std::string::npos);
+    EXPECT_NE(prefixIn("YYY+10").find("Tue Mar 05 04:03:07-1000 2024"), std::string::npos);
+    EXPECT_NE(prefixIn("ZZZ-14").find("Wed Mar 06 04:03:07+1400 2024"), std::string::npos);
+    ::unsetenv("TZ");
+}
+
+TEST(LogWithoutInstance, GoesToStandardOutputOrWithANameToStandardError)
+{
+    CaughtStream out(std::cout);
+    CaughtStream err(std::cerr);
+    kyLogObject(kyLog::Dev, "early") << "to standard output";
+    EXPECT_TRUE(std::regex_match(
+        out.take(), std::regex("DEV\\(early\\) PID \\d+ [^\n]+ \\d{4} : to standard output\n")));
+    kyLogObject(kyLog::Critical, nullptr, "ky-test") << "to standard error";
+    EXPECT_TRUE(std::regex_match(
+        err.take(), std::regex("ky-test : CRITICAL PID \\d+ [^\n]+ \\d{4} : to standard error\n")));
+    EXPECT_EQ(out.take(), "");
+
+    ky::initializeKySystem(ky::InitType::Light, false);
+    {
+        kyLogObject object(kyLog::Info);
+        object << "outlives the log";
+        ky::terminateKySystem();
+    }
+    EXPECT_NE(out.take().find(" : outlives the log\n"), std::string::npos);
+}
+
+TEST_F(Log, CutsWhatGoesToTheSystemLogAtAWholeCodePoint)
+{
+    CaughtStream err(std::cerr);
+    const struct {
+        std::string message;
+        std::size_t size;
+    } rows[] = {{std::string(16383, 'a') + "b", 16384},
+                {std::string(16384, 'a') + "b", 16384},
+                {std::string(16383, 'a') + "\xc3\xa9", 16383},
+                {std::string(16382, 'a') + "\xe2\x82\xac", 16382},
+                {std::string(16381, 'a') + "\xf0\x9f\x98\x80", 16381},
+                {std::string(16381, 'a') + "\xe2\x82\xac" + "b", 16384},
+                {std::string(20000, '\x80'), 16384}};
+    for (const auto& row : rows) {
+        kyLog::LogEntry entry;
+        entry.level = kyLog::Info;
+        entry.message = row.message;
+        kyLog::WriteToSystemLog(entry, true);
+        EXPECT_EQ(err.take(), row.message.substr(0, row.size) + "\n");
+    }
+    kyLog::LogEntry debug;
+    debug.level = kyLog::Debug;
+    debug.message = "never";
+    kyLog::WriteToSystemLog(debug, true);
+    EXPECT_EQ(err.take(), "");
+}

@@ -1,0 +1,99 @@
+#include "ky/kySystemUtils.h"
+
+#include "frame/ProcessId.h"
+#include "frame/ThreadId.h"
+#include "support/Child.h"
+#include "support/Library.h"
+
+#include <limits>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <clocale>
+#include <cstdlib>
+#include <ctime>
+
+using ky::kySystemUtils;
+
+namespace {
+
+struct SystemUtils : ky::test::LightLibrary {};
+
+}  // namespace
+
+TEST_F(SystemUtils, ReadsBothClocksInMilliseconds)
+{
+    const unsigned long before = kySystemUtils::GetTimeBaseMs();
+    std::timespec monotonic{};
+    ::clock_gettime(CLOCK_MONOTONIC, &monotonic);
+    const unsigned long after = kySystemUtils::GetTimeBaseMs();
+    const unsigned long now = static_cast<unsigned long>(monotonic.tv_sec) * 1000 +
+                              static_cast<unsigned long>(monotonic.tv_nsec) / 1000000;
+    EXPECT_LE(before, now);
+    EXPECT_LE(now, after);
+    EXPECT_LE(static_cast<long>(before / 1000), kySystemUtils::GetTimeBaseSec());
+
+    const long second = std::time(nullptr);
+    const long ms = kySystemUtils::GetMSecElapsedSinceEpoch();
+    EXPECT_LE(second, ms / 1000);
+    EXPECT_LE(ms / 1000, kySystemUtils::GetSecElapsedSinceEpoch());
+    EXPECT_LE(kySystemUtils::GetSecElapsedSinceEpoch(), std::time(nullptr) + 1);
+}
+
+TEST_F(SystemUtils, FormatsSecondsInLocalTimeAndUtc)
+{
+    ::setenv("TZ", "XXX-1", 1);
+    kySystemUtils::InitializeSystemUtils();
+    const auto convert = &kySystemUtils::ConvertSecElapsedSinceEpochToString;
+    EXPECT_EQ(convert(1709643787, "%FT%T%z", false), "2024-03-05T13:03:07+0000");
+    EXPECT_EQ(convert(1709643787, "%FT%T%z", true), "2024-03-05T14:03:07+0100");
+    EXPECT_EQ(convert(-1, "%F %T", false), "1969-12-31 23:59:59");
+    EXPECT_EQ(convert(0, "caf\xc3\xa9 %Y", false), "caf\xc3\xa9 1970");
+    EXPECT_EQ(convert(0, "", false), "");
+    EXPECT_EQ(convert(0, std::string(128, 'x').c_str(), false), std::string(128, 'x'));
+    EXPECT_EQ(convert(0, std::string(129, 'x').c_str(), false), "");
+    EXPECT_EQ(convert(std::numeric_limits<long>::max(), "%Y", true), "");
+    EXPECT_EQ(convert(std::numeric_limits<long>::min(), "%Y", false), "");
+    EXPECT_TRUE(std::regex_match(kySystemUtils::GetCurrentDateTimeISO(false),
+                                 std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\+0000")));
+    ::unsetenv("TZ");
+    kySystemUtils::InitializeSystemUtils();
+}
+
+TEST(SystemUtilsAlone, TellTheTimeBeforeInitialisation)
+{
+    EXPECT_EQ(kySystemUtils::ConvertSecElapsedSinceEpochToString(0, "%F \xc3\xa9", false),
+              "1970-01-01 \xc3\xa9");
+    EXPECT_GT(kySystemUtils::GetUsedRamQuantityInBytes(kySystemUtils::Resident), 0);
+}
+
+TEST_F(SystemUtils, ReadsTheResidentMemoryOfTheProcess)
+{
+    const long bytes = kySystemUtils::GetUsedRamQuantityInBytes(kySystemUtils::Resident);
+    EXPECT_GT(bytes, 100 * 1024);
+    EXPECT_EQ(bytes % 1024, 0);
+    EXPECT_LT(bytes, 1L << 50);
+    EXPECT_EQ(kySystemUtils::GetUsedRamQuantityInBytes(kySystemUtils::Unavailable), 0);
+}
+
+TEST_F(SystemUtils, KnowsTheProcessAndThreadOfAForkedChild)
+{
+    EXPECT_EQ(kySystemUtils::GetCurrentProcessID(), static_cast<unsigned long>(::getpid()));
+    EXPECT_EQ(ky::impl::CachedProcessId(), kySystemUtils::GetCurrentProcessID());
+    EXPECT_EQ(ky::impl::CurrentThreadIdText(), std::to_string(::syscall(SYS_gettid)));
+    std::thread([] {
+        EXPECT_EQ(ky::impl::CurrentThreadIdText(), std::to_string(::syscall(SYS_gettid)));
+    }).join();
+
+    const pid_t parent = ::getpid();
+    const auto result = ky::test::RunInChild([parent] {
+        EXPECT_EQ(kySystemUtils::GetParentProcessID(), parent);
+        EXPECT_EQ(ky::impl::CachedProcessId(), static_cast<unsigned long>(::getpid()));
+        EXPECT_EQ(ky::impl::CurrentThreadIdText(), std::to_string(::getpid()));
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err << result.out;
+}
