@@ -1,0 +1,40 @@
+# Shared by the scripts of this folder: source it from the root of the checkout.
+
+# The packages that building needs, and what tests and gates need on top.
+build_packages="g++ cmake ninja-build ccache git libutfcpp-dev libcli11-dev"
+test_packages="$build_packages libgtest-dev pkg-config util-linux"
+gate_packages="$test_packages clang clang-format clang-tidy libbenchmark-dev libspdlog-dev"
+
+# need PACKAGE...: installs what is missing, through sudo when we are not root. Says nothing and
+# takes no time when everything is there.
+need() {
+    local missing=() package as_root=()
+    for package in "$@"; do
+        case $(dpkg-query -W -f '${Status}' "$package" 2>/dev/null) in
+            "install ok installed") ;;
+            *) missing+=("$package") ;;
+        esac
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    echo "Installing ${missing[*]}"
+    quietly "${as_root[@]}" apt-get update &&
+        quietly "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+            apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+# quietly COMMAND...: shows what the command printed only when it fails.
+quietly() {
+    local output status=0
+    output=$("$@" 2>&1 </dev/null) || status=$?
+    [ "$status" -eq 0 ] || printf '%s\n' "$output" >&2
+    return "$status"
+}
+
+# build PRESET [TARGET...]
+build() {
+    local preset=$1
+    shift
+    quietly cmake --preset "$preset" || return
+    quietly cmake --build --preset "$preset" ${1:+--target "$@"}
+}

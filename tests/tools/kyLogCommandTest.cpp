@@ -1,0 +1,125 @@
+#include "ky/kyLog.h"
+
+#include "support/Child.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+using ky::test::Lines;
+using ky::test::RunCommand;
+
+namespace {
+
+std::string AfterPrefix(const std::string& line)
+{
+    const std::size_t start = line.find(" : ");
+    return start == std::string::npos ? "no prefix in " + line : line.substr(start + 3);
+}
+
+bool Contains(const std::string& text, const std::string& what)
+{
+    return text.find(what) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(LogCommand, WritesEveryLineOnceWholeAndInOrder)
+{
+    std::string input;
+    std::vector<std::string> expected;
+    for (int i = 0; i < 10000; ++i)
+        expected.push_back("line " + std::to_string(i) + std::string(i % 200, 'x'));
+    expected.insert(expected.end(),
+                    {"", "caf\xc3\xa9", "bad \xff\xfe bytes", std::string("zero \0 byte", 11),
+                     std::string(1 << 20, 'm'), "carriage return\r", "no newline at the end"});
+    for (const std::string& line : expected)
+        input += line + "\n";
+    input.pop_back();
+
+    const ky::test::TemporaryFolder folder;
+    const std::string file = folder.write("input", input);
+    const auto fromInput =
+        RunCommand({KY_COMMAND, "log", "--level", "WARNING", "-t", "net"}, input);
+    const auto fromFile = RunCommand({KY_COMMAND, "log", "-l", "warning", "-t", "net", file});
+    for (const auto& result : {fromInput, fromFile}) {
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_EQ(result.err, "");
+        const auto lines = Lines(result.out);
+        ASSERT_EQ(lines.size(), expected.size());
+        for (std::size_t i = 0; i < lines.size(); ++i) {
+            ASSERT_EQ(lines[i].find("WARNING(net) PID "), 0u);
+            ASSERT_EQ(AfterPrefix(lines[i]), expected[i]);
+        }
+    }
+}
+
+TEST(LogCommand, ShowsWhicheverLevelIsChosen)
+{
+    for (const char* level : {"dev", "trace", "debug", "info", "warning", "critical"}) {
+        const auto result = RunCommand({KY_COMMAND, "log", "-l", level}, "x\n");
+        EXPECT_EQ(Lines(result.out).size(), 1u) << level;
+        EXPECT_EQ(RunCommand({KY_COMMAND, "log", "-q", "-l", level}, "x\n").out, "") << level;
+    }
+    EXPECT_EQ(RunCommand({KY_COMMAND, "log", "-l", "loud"}).exitCode, 2);
+    EXPECT_EQ(RunCommand({KY_COMMAND}).exitCode, 2);
+}
+
+TEST(LogCommand, NamesWhatItCannotReadAndGoesOn)
+{
+    const ky::test::TemporaryFolder folder;
+    const std::string good = folder.write("good", "from the good file\n");
+    const auto result =
+        RunCommand({KY_COMMAND, "log", folder.path("missing"), folder.path(""), good});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(Contains(
+        result.err, "ky: Cannot open " + folder.path("missing") + ". System error : '(2) ENOENT "))
+        << result.err;
+    EXPECT_TRUE(Contains(result.err,
+                         "ky: Cannot read " + folder.path("") + ". System error : '(21) EISDIR "))
+        << result.err;
+    EXPECT_TRUE(Contains(result.out, " : from the good file\n"));
+}
+
+TEST(LogCommand, ReportsAnOutputThatTakesNothing)
+{
+    const auto full = RunCommand({KY_COMMAND, "log"}, "x\ny\n", [] {
+        ::dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+    });
+    EXPECT_EQ(full.exitCode, 1);
+    EXPECT_EQ(Lines(full.err).size(), 1u) << full.err;
+    EXPECT_TRUE(Contains(full.err, "Cannot write to standard output. System error : '(28) ENOSPC "))
+        << full.err;
+
+    const auto closed = RunCommand({KY_COMMAND, "log"}, "x\n", [] { ::close(STDOUT_FILENO); });
+    EXPECT_EQ(closed.exitCode, 1);
+    EXPECT_TRUE(Contains(closed.err, "(9) EBADF")) << closed.err;
+
+    const auto noInput = RunCommand({KY_COMMAND, "log"}, "", [] { ::close(STDIN_FILENO); });
+    EXPECT_EQ(noInput.exitCode, 1);
+    EXPECT_TRUE(Contains(noInput.err, "Cannot read standard input. ")) << noInput.err;
+}
+
+TEST(LogCommand, NeverTakesAnInputFileForAStandardStream)
+{
+    const ky::test::TemporaryFolder folder;
+    const std::string file = folder.write("input", "precious\n");
+    const auto result = RunCommand({KY_COMMAND, "log", file}, "", [] {
+        for (const int fd : {STDIN_FILENO, STDERR_FILENO})
+            ::close(fd);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(Contains(result.out, " : precious\n"));
+}
+
+TEST(InfoCommand, PrintsVersionProcessMemoryAndClocks)
+{
+    const auto result = RunCommand({KY_COMMAND, "info"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    for (const char* what : {"3.0.0.1226", "process ", " bytes resident", "+0000", " ms ("})
+        EXPECT_TRUE(Contains(result.out, what)) << what << " in\n" << result.out;
+}

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace ky::tool {
+
+/// Exit codes of every sub-command.
+constexpr int sSuccess = 0;
+constexpr int sFailure = 1;
+constexpr int sUsageError = 2;
+
+/// Each adds one sub-command to `app`; when it is chosen it runs while the command line is parsed
+/// and stores its outcome in `exitCode`.
+void AddInfo(CLI::App& app, int& exitCode);
+void AddLog(CLI::App& app, int& exitCode);
+
+}  // namespace ky::tool
