@@ -4,9 +4,6 @@
 
 #include <charconv>
 #include <iterator>
-#include <ostream>
-
-#include <syslog.h>
 
 namespace ky::impl {
 namespace {
@@ -15,18 +12,18 @@ constexpr const char* sLevelNames[] = {"DEV", "TRACE", "DEBUG", "INFO", "WARNING
 constexpr std::size_t sMaxSystemLogBytes = 16384;
 constexpr std::size_t sLongestContinuation = 3;
 
+const char* LogLevelName(int level)
+{
+    return level >= 0 && level < static_cast<int>(std::size(sLevelNames)) ? sLevelNames[level]
+                                                                          : "UNKNOWN";
+}
+
 bool IsContinuationByte(char byte)
 {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
 }  // namespace
-
-const char* LogLevelName(int level) noexcept
-{
-    return level >= 0 && level < static_cast<int>(std::size(sLevelNames)) ? sLevelNames[level]
-                                                                          : "UNKNOWN";
-}
 
 void AppendLogPrefix(std::string& out, int level, std::string_view subType,
                      std::string_view threadId, std::optional<std::string_view> timeText)
@@ -44,19 +41,11 @@ void AppendLogPrefix(std::string& out, int level, std::string_view subType,
     out.append(": ");
 }
 
-void WriteLine(std::ostream& stream, std::string& line)
+std::string LineWithRoom(const std::string& prefix, const std::string& message)
 {
-    const auto before = stream.rdstate();
-    line.push_back('\n');
-    try {
-        stream.write(line.data(), static_cast<std::streamsize>(line.size()));
-        stream.flush();
-    } catch (const std::ios_base::failure&) {
-        // The host asked its stream to throw; a log line must not.
-    }
-    line.pop_back();
-    if (stream.rdstate() != before && before == std::ios_base::goodbit)
-        stream.clear();
+    std::string line;
+    line.reserve(prefix.size() + message.size() + 1);
+    return line.append(prefix).append(message);
 }
 
 void CutToSystemLogSize(std::string& textUtf8)
@@ -68,14 +57,6 @@ void CutToSystemLogSize(std::string& textUtf8)
         --size;
     // Not UTF-8 at all: there is no code point to save.
     textUtf8.resize(IsContinuationByte(textUtf8[size]) ? sMaxSystemLogBytes : size);
-}
-
-void SendToSystemLog(int level, const std::string& localText)
-{
-    constexpr int warning = 4;
-    constexpr int critical = 5;
-    const int priority = level == warning ? LOG_WARNING : level == critical ? LOG_CRIT : LOG_INFO;
-    ::syslog(priority, "%s", localText.c_str());
 }
 
 }  // namespace ky::impl

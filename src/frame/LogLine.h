@@ -12,23 +12,27 @@ namespace ky::impl {
 
 inline constexpr char sLogTimeFormat[] = "%a %b %d %H:%M:%S%z %Y";
 
-/// "DEV" to "CRITICAL" for 0 to 5, else "UNKNOWN".
-const char* LogLevelName(int level) noexcept;
-
-/// Appends level name, "(sub type)", process id, "TID " and the thread id, time and ": ". Empty
-/// texts of the first two leave their piece out; only no time at all leaves the time out.
+/// Appends level name ("DEV" to "CRITICAL" for 0 to 5, else "UNKNOWN"), "(sub type)", process id,
+/// "TID " and the thread id, time and ": ". Empty texts of the first two leave their piece out;
+/// only no time at all leaves the time out.
 void AppendLogPrefix(std::string& out, int level, std::string_view subType,
                      std::string_view threadId, std::optional<std::string_view> timeText);
 
-/// Writes `line` and a newline in one unformatted write and flushes. A failure is forgotten: the
-/// stream is left in the state that it had.
+/// Prefix and message as one line, with room for the newline.
+std::string LineWithRoom(const std::string& prefix, const std::string& message);
+
+/// Writes `line` and a newline in one piece, unformatted, and flushes. Waits for a slow reader. A
+/// failure is forgotten: the stream is left in the state that it had. Does nothing when the
+/// stream's own buffer asks for it while it takes another line.
 void WriteLine(std::ostream& stream, std::string& line);
 
 /// Cuts to the 16384 bytes that a system-log message may have, back to a whole UTF-8 code point.
 void CutToSystemLogSize(std::string& textUtf8);
 
 /// Hands `localText` to syslog(3), which blocks while the daemon does not read. Up to the first
-/// zero byte, as syslog(3) takes a C string.
+/// zero byte, as syslog(3) takes a C string. In a child that was forked while another thread was
+/// inside syslog(3), whose lock then stays locked there, the message goes the same way by our own
+/// means.
 void SendToSystemLog(int level, const std::string& localText);
 
 }  // namespace ky::impl

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <cstdio>
 #include <memory>
 #include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
-
 #include <cerrno>
+#include <cstdio>
 
 namespace ky::impl {
 

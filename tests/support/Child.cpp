@@ -7,6 +7,7 @@
 #include <iostream>
 #include <sstream>
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,8 +41,10 @@ ChildResult RunRedirected(std::string_view input, const std::function<void()>& b
     std::cout.flush();
     std::fflush(nullptr);
     // Memory files instead of pipes: whatever amount the child writes, nobody has to read it
-    // meanwhile.
+    // meanwhile. Processes that share one write over each other unless they append.
     const int files[] = {MemoryFile(input), MemoryFile({}), MemoryFile({})};
+    for (const int file : {files[1], files[2]})
+        ::fcntl(file, F_SETFL, O_APPEND);
     const pid_t child = ::fork();
     if (child == 0) {
         for (int fd = 0; fd < 3; ++fd)

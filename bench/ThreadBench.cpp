@@ -1,0 +1,118 @@
+// Locks and threads beside what they are made of. The two are run turn by turn, so that the
+// counter `ours_by_peer` stands even where the speed of the machine does not.
+
+#include "ky/kyMutex.h"
+#include "ky/kySystem.h"
+#include "ky/kyThread.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <thread>
+#include <vector>
+
+#include <pthread.h>
+
+namespace {
+
+constexpr int sLocksPerTurn = 1000;
+
+struct Library {
+    Library() { ky::initializeKySystem(ky::InitType::Full, false); }
+    ~Library() { ky::terminateKySystem(); }
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+};
+
+class RecursivePthreadMutex {
+public:
+    RecursivePthreadMutex()
+    {
+        pthread_mutexattr_t attribute;
+        ::pthread_mutexattr_init(&attribute);
+        ::pthread_mutexattr_settype(&attribute, PTHREAD_MUTEX_RECURSIVE);
+        ::pthread_mutex_init(&mMutex, &attribute);
+        ::pthread_mutexattr_destroy(&attribute);
+    }
+    ~RecursivePthreadMutex() { ::pthread_mutex_destroy(&mMutex); }
+    RecursivePthreadMutex(const RecursivePthreadMutex&) = delete;
+    RecursivePthreadMutex& operator=(const RecursivePthreadMutex&) = delete;
+    pthread_mutex_t* get() { return &mMutex; }
+
+private:
+    pthread_mutex_t mMutex;
+};
+
+struct EmptyThread : ky::kyThread {
+    ~EmptyThread() override { waitThread(INT_MAX); }
+    int run() override { return 0; }
+};
+
+template <typename Work>
+double Seconds(Work work)
+{
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double Median(std::vector<double>& values)
+{
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+template <typename Ours, typename Peer>
+void Compare(benchmark::State& state, Ours ours, Peer peer)
+{
+    std::vector<double> ourSeconds;
+    std::vector<double> peerSeconds;
+    for (auto _ : state) {
+        peerSeconds.push_back(Seconds(peer));
+        ourSeconds.push_back(Seconds(ours));
+        state.SetIterationTime(ourSeconds.back());
+    }
+    state.counters["ours_by_peer"] = Median(ourSeconds) / Median(peerSeconds);
+}
+
+void LockAndUnlock(benchmark::State& state)
+{
+    const Library library;
+    ky::kyMutex ours;
+    RecursivePthreadMutex peer;
+    Compare(
+        state,
+        [&] {
+            for (int i = 0; i < sLocksPerTurn; ++i) {
+                ours.lock();
+                ours.unlock();
+            }
+        },
+        [&] {
+            for (int i = 0; i < sLocksPerTurn; ++i) {
+                ::pthread_mutex_lock(peer.get());
+                ::pthread_mutex_unlock(peer.get());
+            }
+        });
+    state.SetItemsProcessed(sLocksPerTurn * state.iterations());
+}
+BENCHMARK(LockAndUnlock)->UseManualTime();
+
+void StartAndJoin(benchmark::State& state)
+{
+    const Library library;
+    Compare(
+        state,
+        [] {
+            EmptyThread thread;
+            thread.startThread("bench");
+            thread.waitThread(INT_MAX);
+        },
+        [] { std::thread([] {}).join(); });
+}
+BENCHMARK(StartAndJoin)->UseManualTime();
+
+}  // namespace
