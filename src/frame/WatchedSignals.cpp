@@ -1,0 +1,88 @@
+#include "frame/WatchedSignals.h"
+
+#include <atomic>
+
+namespace ky::impl {
+namespace {
+
+/// Outlives the watcher's table: the handlers stay installed after termination.
+struct TakenSignal {
+    bool isTaken;
+    std::atomic<bool> isDefault;  // set by the crash handler on any thread
+    struct sigaction ours;
+    struct sigaction before;
+};
+constinit std::array<TakenSignal, sWatchedSignals.size()> sTaken = {};
+
+// Set by the C library in every action that it hands out (sigaction(2)).
+constexpr int sRestorerFlag = 0x04000000;
+
+/// A host that ignores SIGPIPE itself mostly has a flag that ours lacks, signal(2) sets SA_RESTART.
+bool IsOurs(const TakenSignal& taken, const struct sigaction& action)
+{
+    if (!taken.isTaken)
+        return false;
+    if (action.sa_handler == SIG_DFL)
+        return taken.isDefault.load(std::memory_order_relaxed);
+    return action.sa_sigaction == taken.ours.sa_sigaction &&
+           (action.sa_flags & ~sRestorerFlag) == (taken.ours.sa_flags & ~sRestorerFlag);
+}
+
+}  // namespace
+
+std::size_t WatchedSignalIndex(int signal) noexcept
+{
+    std::size_t index = 0;
+    while (index < sWatchedSignals.size() && sWatchedSignals[index].number != signal)
+        ++index;
+    return index;
+}
+
+bool TakeSignalOver(std::size_t index, const struct sigaction& action, struct sigaction& previous)
+{
+    TakenSignal& taken = sTaken[index];
+    if (::sigaction(sWatchedSignals[index].number, &action, &previous) != 0)
+        return false;
+    // A second registration finds the action of the first one, which nobody wants back.
+    if (!IsOurs(taken, previous))
+        taken.before = previous;
+    taken.ours = action;
+    taken.isTaken = true;
+    taken.isDefault.store(false, std::memory_order_relaxed);
+    return true;
+}
+
+void SetDefaultAction(int signal) noexcept
+{
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    ::sigaction(signal, &action, nullptr);
+    const std::size_t index = WatchedSignalIndex(signal);
+    if (index < sTaken.size())
+        sTaken[index].isDefault.store(true, std::memory_order_relaxed);
+}
+
+void GiveSignalsBack() noexcept
+{
+    for (std::size_t i = 0; i < sTaken.size(); ++i) {
+        if (sTaken[i].isTaken)
+            ::sigaction(sWatchedSignals[i].number, &sTaken[i].before, nullptr);
+        sTaken[i].isTaken = false;
+    }
+}
+
+void PrepareSignalsForExec(const sigset_t& mask) noexcept
+{
+    for (std::size_t i = 0; i < sTaken.size(); ++i) {
+        const int signal = sWatchedSignals[i].number;
+        struct sigaction current = {};
+        if (::sigaction(signal, nullptr, &current) != 0 || !IsOurs(sTaken[i], current))
+            continue;
+        struct sigaction action = {};
+        action.sa_handler = sTaken[i].before.sa_handler == SIG_IGN ? SIG_IGN : SIG_DFL;
+        ::sigaction(signal, &action, nullptr);
+    }
+    ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+}
+
+}  // namespace ky::impl
