@@ -5,16 +5,19 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace ky {
 
 class kyLogObject;
 class kyLogParameters;
+class kyLogThread;
 
 /// Verbosity of the log below INFO. INFO, WARNING and CRITICAL are always written.
 enum class kyLogLevel : int {
@@ -36,6 +39,16 @@ enum class kyLogLevel : int {
 /// `initializeKySystem` makes the instance and `terminateKySystem` destroys it. At the light level
 /// a message is written before its log object is gone, on the caller's thread and without a lock:
 /// use it from one thread at a time.
+///
+/// At the full level any number of threads may log and configure. Entries are queued, and a thread
+/// of the log ("kyLog") writes them in batches, in order per thread. A producer waits only when it
+/// asks for a flush, and when more than 16 MiB of message bytes are queued; an entry costs some 200
+/// bytes beside its message, so a queue full of lines of 60 bytes takes about 75 MiB, one of lines
+/// of 10 bytes six times that. What is queued when the process exits is written by an exit hook as
+/// long as the writer makes progress, and what is queued when it crashes before it dies.
+///
+/// In a child made by fork(2) the log writes on the caller's thread, under a lock; entries that the
+/// parent had queued are the parent's. Nothing there waits for a thread that does not exist.
 class KY_API kyLog {
 public:
     enum EntryLevel : int {
@@ -63,10 +76,13 @@ public:
     };
 
     /// Receives finished entries, in order, with their prefixes: one at a time while the log
-    /// writes on the caller's thread. The list may be changed or emptied. A handler may log,
+    /// writes on the caller's thread, whole batches on the log's own thread. Calls never overlap.
+    /// The list may be changed or emptied. A handler may log,
     /// configure the log and remove itself: what it logs while it runs reaches the other sinks at
     /// once and the handler in one further batch when it returns; what it logs during that batch
-    /// does not reach the handler again. It must not throw.
+    /// does not reach the handler again. At the light level it must not throw; at the full level an
+    /// exception is reported and costs the handler the rest of its batch. It must not terminate the
+    /// library.
     using CustomHandler = void (*)(std::list<LogEntry>& batch, void* userData);
 
     explicit kyLog(bool threadSafe);
@@ -90,11 +106,18 @@ public:
     void setEchoToConsole(bool echo);
 
     /// False, and no change, when there is a handler already; null removes it and is always true.
-    /// `userData` is borrowed until the handler has been removed.
+    /// `userData` is borrowed until the handler has been removed: when the call that removes it
+    /// returns, entries logged before have been handed over and no call of it is left. A handler
+    /// that removes itself is not called again.
     bool installCustomHandler(CustomHandler handler, void* userData);
 
-    /// Returns when everything logged before has reached its sinks.
+    /// Returns when everything logged before has reached its sinks; at once on the log's own
+    /// thread, that is in a custom handler.
     void flush();
+
+    /// Starts the log's own thread, unless it runs. Called by the lifecycle while one thread uses
+    /// the library.
+    void makeThreadSafe();
 
     /// Takes a finished entry, whatever its level: the enable flags are tested by `kyLogObject`.
     /// The entry is moved from.
@@ -141,7 +164,15 @@ private:
 
     void writeBatch(std::list<LogEntry>& batch, bool flushNow);
 
+    void configure(const std::function<void(kyLogParameters&)>& change);
+    void writeFromCrash(std::string_view text);
+
+    static void ReportFromCrash(std::string_view text);
+    static void FlushAtExit();
+    static void RegisterProcessHooks();
+
     const std::unique_ptr<kyLogParameters> mParameters;
+    std::unique_ptr<kyLogThread> mThread;     // set once, by makeThreadSafe
     std::atomic<bool> mEnabled[sLevelCount];  // written by setLogLevel, read by everyone
 };
 
@@ -153,6 +184,7 @@ private:
 /// counts as something. Without a log instance the line goes to standard output or, with a
 /// system-log name, to the system log and standard error. Numbers look as in a stream of the
 /// classic locale with its defaults. Leaves `errno` as it was. Each object belongs to one thread.
+/// Not for signal handlers: composing a message allocates.
 ///
 /// Running out of memory in the destructor ends the program.
 class KY_API kyLogObject {
@@ -175,11 +207,23 @@ public:
 
     /// Null prints "[NullPtr]".
     kyLogObject& operator<<(const char* text) { return mActive ? insertText(text) : *this; }
+    kyLogObject& operator<<(const signed char* text)
+    {
+        return *this << reinterpret_cast<const char*>(text);
+    }
+    kyLogObject& operator<<(const unsigned char* text)
+    {
+        return *this << reinterpret_cast<const char*>(text);
+    }
     kyLogObject& operator<<(std::string_view text) { return mActive ? insert(text) : *this; }
     kyLogObject& operator<<(const std::string& text) { return mActive ? insert(text) : *this; }
 
-    /// 0 or 1.
-    kyLogObject& operator<<(bool value) { return mActive ? insertNumber(value ? 1L : 0L) : *this; }
+    /// 0 or 1. For `bool` alone: every pointer without an inserter of its own converts to it.
+    template <typename Bool, std::enable_if_t<std::is_same_v<Bool, bool>, int> = 0>
+    kyLogObject& operator<<(Bool value)
+    {
+        return mActive ? insertNumber(value ? 1L : 0L) : *this;
+    }
 
     kyLogObject& operator<<(char value) { return mActive ? insertCharacter(value) : *this; }
     kyLogObject& operator<<(signed char value) { return *this << static_cast<char>(value); }
@@ -202,7 +246,8 @@ public:
     /// What `SystemError::toString` gives.
     kyLogObject& operator<<(SystemError error);
 
-    /// The address in hexadecimal, "0" for null. Wide texts, functions and members have no text.
+    /// The address in hexadecimal, "0" for null. Wide and UTF-8 typed texts are refused, as
+    /// are functions and members.
     kyLogObject& operator<<(const volatile void* address)
     {
         return mActive ? insertAddress(address) : *this;
@@ -210,12 +255,12 @@ public:
     kyLogObject& operator<<(const wchar_t*) = delete;
     kyLogObject& operator<<(const char16_t*) = delete;
     kyLogObject& operator<<(const char32_t*) = delete;
-    template <typename Result, typename... Arguments>
-    kyLogObject& operator<<(Result (*)(Arguments...)) = delete;
-    template <typename Member, typename Class>
-    kyLogObject& operator<<(Member Class::*) = delete;
+#ifdef __cpp_char8_t
+    kyLogObject& operator<<(const char8_t*) = delete;
+#endif
 
-    /// Makes the destructor wait until the entry has reached its sinks.
+    /// Makes the destructor wait until the entry has reached its sinks. Never on the log's own
+    /// thread.
     kyLogObject& setFlushNow(bool flushNow = true)
     {
         mFlushNow = flushNow;

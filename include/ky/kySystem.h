@@ -23,7 +23,8 @@ enum class InitType : int {
 /// `lookupMainHddDevice` makes the first full request look the main disk device up once
 /// (`getMainHDDDevice`), so that later calls answer from its cache.
 ///
-/// Call it while no other thread uses the library. Reports nothing.
+/// Call it while no other thread uses the library. Reports nothing; when memory or threads run out
+/// it throws what the standard library throws, and the call does not count.
 KY_API void initializeKySystem(InitType type, bool lookupMainHddDevice);
 
 /// Takes one user away; the last one shuts the library down. Call it while no other thread uses
@@ -65,7 +66,6 @@ public:
     std::uint32_t getInitCounter() const;
     bool isInitialized() const;
     const std::string& getName() const;
-    bool getFlag() const;
 
     /// A switch for libraries of the family that warn about their own use before initialisation.
     /// No warning of this library depends on it.
@@ -76,7 +76,7 @@ public:
 private:
     std::atomic<std::uint32_t> mCounter{0};
     std::atomic<bool> mEverIncremented{false};
-    const bool mFlag;
+    [[maybe_unused]] const bool mFlag;
     const std::string mName;
 };
 

@@ -7,8 +7,8 @@
 namespace ky {
 
 /// Clocks, time text, process identity and memory of the process. Nothing here fails with an
-/// exception or an error text, takes a lock or keeps state; any member may be called from any
-/// thread, before initialisation too.
+/// exception or an error text, or keeps state; any member may be called from any thread, before
+/// initialisation and in a forked child too.
 class KY_API kySystemUtils {
 public:
     /// Which memory figure to read.

@@ -41,11 +41,6 @@ const std::string& LibInitCounter::getName() const
     return mName;
 }
 
-bool LibInitCounter::getFlag() const
-{
-    return mFlag;
-}
-
 void LibInitCounter::SetLibInitWarningsEnabled(bool enabled)
 {
     msLibInitWarnings.store(enabled, std::memory_order_relaxed);

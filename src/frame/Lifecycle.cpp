@@ -1,8 +1,10 @@
+#include "ky/kyException.h"
 #include "ky/kyLog.h"
 #include "ky/kyMathUtils.h"
 #include "ky/kyStringUtils.h"
 #include "ky/kySystem.h"
 #include "ky/kySystemUtils.h"
+#include "ky/kyWaitCondition.h"
 
 #include "frame/State.h"
 
@@ -31,8 +33,12 @@ void StartFull(bool lookupMainHddDevice)
     // taken for one that went on.
     impl::State::SetLevel(static_cast<int>(InitType::Full));
     impl::State::SetFullInitProcessId(kySystemUtils::GetCurrentProcessID());
+    if (kyLog* const log = kyLog::Instance())
+        log->makeThreadSafe();
+    kyWaitCondition::FindBestImplementation();
     if (lookupMainHddDevice)
         getMainHDDDevice();
+    exception::impl::RegisterSigWatcher();
 }
 
 }  // namespace
@@ -41,12 +47,25 @@ void initializeKySystem(InitType type, bool lookupMainHddDevice)
 {
     if (type != InitType::Light && type != InitType::Full)
         return;
-    if (sLightCounter.incrementInitCounter())
-        StartLight();
-    // After a surplus terminate the full steps run without the light ones: each of them stands it
-    // that there is no log and no string utilities.
-    if (type == InitType::Full && sFullCounter.incrementInitCounter())
-        StartFull(lookupMainHddDevice);
+    const bool isFirstLight = sLightCounter.incrementInitCounter();
+    const bool isFirstFull = type == InitType::Full && sFullCounter.incrementInitCounter();
+    try {
+        if (isFirstLight)
+            StartLight();
+        // After a surplus terminate the full steps run without the light ones: each of them stands
+        // it that there is no log and no string utilities.
+        if (isFirstFull)
+            StartFull(lookupMainHddDevice);
+    } catch (...) {
+        // Out of memory or threads. This call has no user to terminate for; the next may succeed.
+        if (isFirstFull) {
+            sFullCounter.clearInitCounter();
+            exception::impl::ReleaseSigWatcher();
+            impl::State::SetLevel(static_cast<int>(InitType::Light));
+        }
+        terminateKySystem();
+        throw;
+    }
 }
 
 void terminateKySystem()
@@ -54,6 +73,8 @@ void terminateKySystem()
     if (!sLightCounter.decrementInitCounter())
         return;
     sFullCounter.clearInitCounter();
+    if (impl::State::Level() == static_cast<int>(InitType::Full))
+        exception::impl::ReleaseSigWatcher();
     // The last lines of the log need the string utilities for their time.
     if (kyLog* const log = kyLog::Instance())
         log->flush();

@@ -2,44 +2,39 @@
 
 #include "frame/LogLine.h"
 #include "frame/TimeText.h"
+#include "frame/Undisturbed.h"
 
 #include <atomic>
 #include <iostream>
 #include <string>
 
-#include <cerrno>
 #include <ctime>
 
 namespace ky::impl {
 namespace {
 
 constinit std::atomic<ReportSink> sSink{nullptr};
+constinit std::atomic<CrashSink> sCrashSink{nullptr};
 constinit thread_local bool tReporting = false;
 
 class ReportingMark {
 public:
-    ReportingMark() noexcept : mErrno(errno) { tReporting = true; }
-    ~ReportingMark()
-    {
-        tReporting = false;
-        errno = mErrno;
-    }
+    ReportingMark() noexcept { tReporting = true; }
+    ~ReportingMark() { tReporting = false; }
     ReportingMark(const ReportingMark&) = delete;
     ReportingMark& operator=(const ReportingMark&) = delete;
-
-private:
-    const int mErrno;
 };
 
 void WriteWithoutLog(int level, const char* systemLogName, std::string_view text)
 {
     const std::string time = FormatTime(::time(nullptr), sLogTimeFormat, true);
     std::string line;
-    if (systemLogName != nullptr)
+    const bool toSystemLog = systemLogName != nullptr && *systemLogName != '\0';
+    if (toSystemLog)
         line.append(systemLogName).append(" : ");
     AppendLogPrefix(line, level, {}, {}, time);
     line.append(text);
-    if (systemLogName == nullptr)
+    if (!toSystemLog)
         return WriteLine(std::cout, line);
     CutToSystemLogSize(line);
     WriteLine(std::cerr, line);
@@ -48,19 +43,19 @@ void WriteWithoutLog(int level, const char* systemLogName, std::string_view text
 
 }  // namespace
 
-void SetReportSink(ReportSink sink) noexcept
+void SetReportSinks(ReportSink sink, CrashSink crashSink) noexcept
 {
     sSink.store(sink, std::memory_order_release);
+    sCrashSink.store(crashSink, std::memory_order_release);
 }
 
 void Report(int level, const char* systemLogName, std::string_view text, bool flushNow)
 {
-    const int savedErrno = errno;
+    const Undisturbed undisturbed;
     if (const ReportSink sink = sSink.load(std::memory_order_acquire))
         sink(level, systemLogName, text, flushNow);
     else
         WriteWithoutLog(level, systemLogName, text);
-    errno = savedErrno;
 }
 
 void ReportIfLogged(int level, const char* systemLogName, std::string_view text, bool flushNow)
@@ -68,13 +63,18 @@ void ReportIfLogged(int level, const char* systemLogName, std::string_view text,
     const ReportSink sink = sSink.load(std::memory_order_acquire);
     if (sink == nullptr || tReporting)
         return;
+    const Undisturbed undisturbed;
     const ReportingMark mark;
     sink(level, systemLogName, text, flushNow);
 }
 
 void ReportFromCrash(std::string_view text)
 {
-    Report(ReportLevel::Critical, "kySystem", text, true);
+    const Undisturbed undisturbed;
+    if (const CrashSink sink = sCrashSink.load(std::memory_order_acquire))
+        sink(text);
+    else
+        WriteWithoutLog(ReportLevel::Critical, "kySystem", text);
 }
 
 }  // namespace ky::impl

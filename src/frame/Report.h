@@ -14,8 +14,12 @@ constexpr int Critical = 5;
 using ReportSink = void (*)(int level, const char* systemLogName, std::string_view text,
                             bool flushNow);
 
-/// The log puts itself behind the seam while it has an instance, null withdraws it.
-void SetReportSink(ReportSink sink) noexcept;
+/// Receives a line of a crash report and returns when it is through the sinks, or when the log is
+/// stuck.
+using CrashSink = void (*)(std::string_view text);
+
+/// The log puts itself behind the seam while it has an instance, nulls withdraw it.
+void SetReportSinks(ReportSink sink, CrashSink crashSink) noexcept;
 
 /// Writes one message of the library through the log. Without a log instance the line goes to
 /// standard output or, when it has a system-log name, to the system log and standard error, as the

@@ -11,6 +11,8 @@ namespace ky {
 /// What the writer works with.
 class kyLogParameters {
 public:
+    bool operator==(const kyLogParameters& other) const = default;
+
     bool echoesToConsole() const { return mEchoToConsole || mEchoBesideFile; }
 
     kyLog::CustomHandler mHandler = nullptr;

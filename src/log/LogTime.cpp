@@ -6,6 +6,7 @@
 #include "frame/TimeText.h"
 #include "text/Charset.h"
 
+#include <algorithm>
 #include <string>
 
 #include <cstring>

@@ -1,4 +1,5 @@
-#include "ky/kyLog.h"
+#include "log/LogWriter.h"
+
 #include "ky/kyStringUtils.h"
 #include "ky/kySystemUtils.h"
 
@@ -7,6 +8,7 @@
 #include "log/LogParameters.h"
 #include "log/LogTime.h"
 
+#include <atomic>
 #include <iostream>
 #include <utility>
 
@@ -19,6 +21,13 @@ using Batch = std::list<kyLog::LogEntry>;
 // over at once they would call it again, without end if it answers each batch with a line.
 constinit thread_local Batch* tHeldBack = nullptr;
 constinit thread_local bool tHandlerRuns = false;
+
+constinit std::atomic<unsigned long> sProgress{0};
+
+void CountProgress()
+{
+    sProgress.fetch_add(1, std::memory_order_relaxed);
+}
 
 class HandlerScope {
 public:
@@ -35,6 +44,34 @@ public:
     HandlerScope(const HandlerScope&) = delete;
     HandlerScope& operator=(const HandlerScope&) = delete;
 };
+
+/// One call of the writer, linked to the one that it interrupts: a notice within a batch, a line
+/// that a custom handler logs.
+struct Writing {
+    Writing(kyLogParameters& p, Batch& b) noexcept;
+    ~Writing();
+    Writing(const Writing&) = delete;
+    Writing& operator=(const Writing&) = delete;
+
+    kyLogParameters& parameters;
+    Batch& batch;
+    Batch::iterator next;
+    bool isHandedOver = false;
+    Writing* const outer;
+};
+
+constinit thread_local Writing* tWriting = nullptr;
+
+Writing::Writing(kyLogParameters& p, Batch& b) noexcept
+    : parameters(p), batch(b), next(b.begin()), outer(tWriting)
+{
+    tWriting = this;
+}
+
+Writing::~Writing()
+{
+    tWriting = outer;
+}
 
 void CallHandler(const kyLogParameters& parameters, Batch& batch, Batch* heldBack)
 {
@@ -75,7 +112,52 @@ void WriteNotice(kyLogParameters& parameters)
     kyLog::WriteImpl(parameters, notice);
 }
 
+void WriteEntry(kyLogParameters& parameters, kyLog::LogEntry& entry)
+{
+    const bool filtered = IsFiltered(parameters, entry);
+    // Notices are about the writer's own doing and come before the entry that shows it.
+    if (!filtered && !parameters.mPendingNotice.empty())
+        WriteNotice(parameters);
+    // A filtered entry gets its prefix too: the custom handler sees the whole batch.
+    entry.computeLogPrefix(true);
+    if (filtered || !parameters.echoesToConsole())
+        return;
+    std::string line = impl::LineWithRoom(entry.prefix, entry.message);
+    impl::WriteLine(std::cout, line);
+}
+
+void Finish(Writing& writing)
+{
+    // The position moves on after the writing, so that a crash in between repeats a line rather
+    // than losing it.
+    for (; writing.next != writing.batch.end(); ++writing.next) {
+        WriteEntry(writing.parameters, *writing.next);
+        CountProgress();
+    }
+    if (!std::exchange(writing.isHandedOver, true))
+        HandOver(writing.parameters, writing.batch);
+    CountProgress();
+}
+
 }  // namespace
+
+constinit thread_local int impl::InsideLog::tDepth = 0;
+
+bool impl::IsHandlerRunning() noexcept
+{
+    return tHandlerRuns;
+}
+
+unsigned long impl::WriterProgress() noexcept
+{
+    return sProgress.load(std::memory_order_relaxed);
+}
+
+void impl::FinishInterruptedBatch()
+{
+    for (Writing* writing = tWriting; writing != nullptr; writing = writing->outer)
+        Finish(*writing);
+}
 
 void kyLog::LogEntry::computeLogPrefix(bool withTime)
 {
@@ -88,19 +170,9 @@ void kyLog::LogEntry::computeLogPrefix(bool withTime)
 
 void kyLog::WriteImpl(kyLogParameters& parameters, std::list<LogEntry>& batch)
 {
-    for (LogEntry& entry : batch) {
-        const bool filtered = IsFiltered(parameters, entry);
-        // Notices are about the writer's own doing and come before the entry that shows it.
-        if (!filtered && !parameters.mPendingNotice.empty())
-            WriteNotice(parameters);
-        // A filtered entry gets its prefix too: the custom handler sees the whole batch.
-        entry.computeLogPrefix(true);
-        if (filtered || !parameters.echoesToConsole())
-            continue;
-        std::string line = entry.prefix + entry.message;
-        impl::WriteLine(std::cout, line);
-    }
-    HandOver(parameters, batch);
+    const impl::InsideLog inside;
+    Writing writing(parameters, batch);
+    Finish(writing);
 }
 
 void kyLog::WriteToSystemLog(const LogEntry& entry, bool echoToStderr)

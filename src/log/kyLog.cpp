@@ -2,17 +2,37 @@
 
 #include "ky/kySystemUtils.h"
 
+#include "frame/ForkSafeLock.h"
 #include "frame/LogLine.h"
 #include "frame/Report.h"
+#include "frame/ThreadId.h"
 #include "log/LogParameters.h"
+#include "log/LogThread.h"
+#include "log/LogWriter.h"
 #include "text/Ascii.h"
 
+#include <algorithm>
+#include <iostream>
 #include <utility>
 
+#include <pthread.h>
 #include <syslog.h>
+#include <cstdlib>
 
 namespace ky {
 namespace {
+
+constexpr unsigned long sPatienceMs = 2000;
+
+// What a forked child writes under: the log thread and its lock are the parent's. Recursive, since
+// custom handlers log.
+using ChildLock = impl::ForkSafeLock<struct ChildLockTag>;
+
+// Kept reachable, so that it does not look like a leak.
+constinit std::atomic<kyLogThread*> sAbandoned{nullptr};
+
+// Set by the exit hook: whoever logs after it, a static destructor say, waits for its own line.
+constinit std::atomic<bool> sExiting{false};
 
 constexpr std::string_view sSubTypeSeparators = " ,;\\|/";
 
@@ -49,14 +69,22 @@ std::vector<std::string> SplitSubTypes(std::string_view text)
 
 constinit kyLog* kyLog::msInstance = nullptr;
 
-kyLog::kyLog(bool /*threadSafe*/) : mParameters(std::make_unique<kyLogParameters>())
+kyLog::kyLog(bool threadSafe) : mParameters(std::make_unique<kyLogParameters>())
 {
     for (std::atomic<bool>& enabled : mEnabled)
         enabled.store(true, std::memory_order_relaxed);
     setLogLevel(kyLogLevel::Normal);
+    if (threadSafe)
+        makeThreadSafe();
 }
 
-kyLog::~kyLog() = default;
+kyLog::~kyLog()
+{
+    // In a forked child thread, locks and queue stay the parent's: the parent writes what is
+    // queued, and to free a full queue here would first copy all of it.
+    if (mThread && mThread->isInherited())
+        sAbandoned.store(mThread.release(), std::memory_order_relaxed);
+}
 
 void kyLog::createInstance(bool threadSafe)
 {
@@ -64,12 +92,12 @@ void kyLog::createInstance(bool threadSafe)
         return;
     __atomic_store_n(&msInstance, new kyLog(threadSafe), __ATOMIC_RELEASE);
     ::openlog(nullptr, 0, LOG_USER);
-    impl::SetReportSink(&ReportThroughLog);
+    impl::SetReportSinks(&ReportThroughLog, &kyLog::ReportFromCrash);
 }
 
 void kyLog::destroyInstance()
 {
-    impl::SetReportSink(nullptr);
+    impl::SetReportSinks(nullptr, nullptr);
     // Taken out first, so that whoever logs meanwhile finds no half-destroyed instance.
     const std::unique_ptr<kyLog> last(__atomic_exchange_n(&msInstance, nullptr, __ATOMIC_ACQ_REL));
 }
@@ -97,29 +125,57 @@ void kyLog::setSubTypeEnabled(const char* subTypes, bool enabled)
 
 void kyLog::setSubTypeEnabled(const std::vector<std::string>& subTypes, bool enabled)
 {
-    for (const std::string& subType : subTypes) {
-        if (enabled)
-            mParameters->mDisabledSubTypes.erase(Stripped(subType));
-        else
-            mParameters->mDisabledSubTypes.insert(Stripped(subType));
-    }
+    configure([&](kyLogParameters& parameters) {
+        for (const std::string& subType : subTypes) {
+            if (enabled)
+                parameters.mDisabledSubTypes.erase(Stripped(subType));
+            else
+                parameters.mDisabledSubTypes.insert(Stripped(subType));
+        }
+    });
 }
 
 void kyLog::setEchoToConsole(bool echo)
 {
-    mParameters->mEchoToConsole = echo;
+    configure([&](kyLogParameters& parameters) { parameters.mEchoToConsole = echo; });
 }
 
 bool kyLog::installCustomHandler(CustomHandler handler, void* userData)
 {
-    if (handler != nullptr && mParameters->mHandler != nullptr)
-        return false;
-    mParameters->mHandler = handler;
-    mParameters->mHandlerData = userData;
-    return true;
+    bool installed = false;
+    configure([&](kyLogParameters& parameters) {
+        installed = handler == nullptr || parameters.mHandler == nullptr || installed;
+        if (!installed)
+            return;
+        parameters.mHandler = handler;
+        parameters.mHandlerData = userData;
+    });
+    return installed;
 }
 
-void kyLog::flush() {}
+void kyLog::configure(const std::function<void(kyLogParameters&)>& change)
+{
+    if (!mThread)
+        return change(*mParameters);
+    if (!mThread->isInherited())
+        return mThread->configure(*mParameters, change);
+    const ChildLock lock;
+    change(*mParameters);
+}
+
+void kyLog::makeThreadSafe()
+{
+    if (mThread)
+        return;
+    RegisterProcessHooks();
+    mThread = std::make_unique<kyLogThread>(*mParameters);
+}
+
+void kyLog::flush()
+{
+    if (mThread && !mThread->isInherited())
+        mThread->flush();
+}
 
 void kyLog::Write(LogEntry& entry, bool flushNow)
 {
@@ -128,9 +184,89 @@ void kyLog::Write(LogEntry& entry, bool flushNow)
     writeBatch(batch, flushNow);
 }
 
-void kyLog::writeBatch(std::list<LogEntry>& batch, bool /*flushNow*/)
+void kyLog::writeBatch(std::list<LogEntry>& batch, bool flushNow)
 {
-    WriteImpl(*mParameters, batch);
+    if (!mThread)
+        return WriteImpl(*mParameters, batch);
+    if (mThread->isInherited()) {
+        const ChildLock lock;
+        return WriteImpl(*mParameters, batch);
+    }
+    if (mThread->isCurrent() && impl::IsHandlerRunning())
+        return mThread->writeNested(batch);
+    mThread->push(batch, flushNow);
+    if (sExiting.load(std::memory_order_relaxed))
+        mThread->flushWhileItGoesOn(sPatienceMs);
+}
+
+void kyLog::ReportFromCrash(std::string_view text)
+{
+    if (kyLog* const log = Instance())
+        log->writeFromCrash(text);
+}
+
+void kyLog::writeFromCrash(std::string_view text)
+{
+    std::list<LogEntry> batch(1);
+    LogEntry& entry = batch.front();
+    entry.level = Critical;
+    entry.message = text;
+    entry.systemLogName = "kySystem";
+    entry.timeMs = static_cast<unsigned long>(kySystemUtils::GetMSecElapsedSinceEpoch());
+    if (mEnabled[Debug].load(std::memory_order_relaxed))
+        entry.threadId = impl::CurrentThreadIdText();
+    entry.computeLogPrefix(true);
+    const LogEntry forSystemLog = entry;
+
+    // A log that was stuck once is not waited for again: the report has many lines.
+    static constinit std::atomic<bool> sStuck{false};
+    if (!mThread || mThread->isInherited()) {
+        WriteImpl(*mParameters, batch);
+    } else if (sStuck.load(std::memory_order_relaxed) ||
+               !mThread->writeFromCrash(batch, sPatienceMs)) {
+        sStuck.store(true, std::memory_order_relaxed);
+        std::string line = impl::LineWithRoom(forSystemLog.prefix, forSystemLog.message);
+        impl::WriteLine(std::cout, line);
+    }
+    // Last, because a daemon that does not read makes it wait without limit.
+    WriteToSystemLog(forSystemLog, false);
+}
+
+void kyLog::FlushAtExit()
+{
+    sExiting.store(true, std::memory_order_relaxed);
+    const kyLog* const log = Instance();
+    if (log != nullptr && log->mThread && !log->mThread->isInherited())
+        log->mThread->flushWhileItGoesOn(sPatienceMs);
+}
+
+void kyLog::RegisterProcessHooks()
+{
+    static constinit std::atomic<bool> sRegistered{false};
+    if (sRegistered.exchange(true, std::memory_order_relaxed))
+        return;
+    static_cast<void>(std::atexit(&FlushAtExit));
+    static constexpr auto threadOfLog = []() -> kyLogThread* {
+        const kyLog* const log = Instance();
+        return log != nullptr && log->mThread && !log->mThread->isInherited() ? log->mThread.get()
+                                                                              : nullptr;
+    };
+    static constinit kyLogThread* sLocked = nullptr;
+    // Nobody is in the middle of a change of the queue at the fork. The child takes none of the
+    // parent's locks ever again.
+    static_cast<void>(::pthread_atfork(
+        [] {
+            sLocked = threadOfLog();
+            if (sLocked != nullptr)
+                sLocked->lockForFork();
+            ChildLock::Take();
+        },
+        [] {
+            ChildLock::Give();
+            if (sLocked != nullptr)
+                sLocked->unlockAfterFork();
+        },
+        &ChildLock::Give));
 }
 
 std::string kyLog::GetTime()

@@ -3,13 +3,13 @@
 
 #include "frame/LogLine.h"
 #include "frame/ThreadId.h"
+#include "frame/Undisturbed.h"
 
 #include <charconv>
 #include <iostream>
 #include <iterator>
 #include <new>
 
-#include <cerrno>
 #include <cstdint>
 
 namespace ky {
@@ -19,22 +19,11 @@ namespace {
 constexpr std::size_t sUsualMessageBytes = 63;
 constexpr int sStreamPrecision = 6;
 
-class ErrnoKeeper {
-public:
-    ErrnoKeeper() noexcept : mErrno(errno) {}
-    ~ErrnoKeeper() { errno = mErrno; }
-    ErrnoKeeper(const ErrnoKeeper&) = delete;
-    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
-
-private:
-    const int mErrno;
-};
-
 }  // namespace
 
 void kyLogObject::begin(int level, const char* subType, const char* systemLogName)
 {
-    const ErrnoKeeper errnoKeeper;
+    const impl::Undisturbed undisturbed;
     new (&mEntry) std::list<kyLog::LogEntry>(1);
     mActive = true;
     mLog = kyLog::Instance();
@@ -51,7 +40,7 @@ void kyLogObject::begin(int level, const char* subType, const char* systemLogNam
 
 void kyLogObject::emit() noexcept
 {
-    const ErrnoKeeper errnoKeeper;
+    const impl::Undisturbed undisturbed;
     mActive = false;
     if (mInserted) {
         kyLog::LogEntry& entry = mEntry.front();
@@ -66,7 +55,7 @@ void kyLogObject::emit() noexcept
         if (mLog != nullptr) {
             mLog->writeBatch(mEntry, mFlushNow);
         } else if (!toSystemLog) {
-            std::string line = entry.prefix + entry.message;
+            std::string line = impl::LineWithRoom(entry.prefix, entry.message);
             impl::WriteLine(std::cout, line);
         }
     }

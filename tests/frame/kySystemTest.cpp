@@ -107,13 +107,23 @@ TEST(Lifecycle, TellsAForkedChildAtEveryCheckThatItWasForked)
         const auto parent = std::to_string(State::FullInitProcessId());
         ky::CheckIfProcessForkAfterThreadSafeInit();
         if (::fork() == 0) {
+            // A handler that checks itself must not go round for ever.
+            ky::kyLog::Instance()->installCustomHandler(
+                [](std::list<ky::kyLog::LogEntry>& batch, void*) {
+                    EXPECT_EQ(batch.front().systemLogName, "kySystem");
+                    EXPECT_EQ(batch.front().level, ky::kyLog::Critical);
+                    ky::CheckIfProcessForkAfterThreadSafeInit();
+                },
+                nullptr);
             EXPECT_TRUE(ky::IsKySystemThreadSafe());
             ky::CheckIfProcessForkAfterThreadSafeInit();
             const std::string self = std::to_string(::getpid());
             std::cout << parent << " to " << self << std::endl;
-            ::_exit(0);
+            ::_exit(::testing::Test::HasFailure() ? 1 : 0);
         }
-        ::wait(nullptr);
+        int status = -1;
+        ::wait(&status);
+        EXPECT_EQ(status, 0);
         EXPECT_EQ(State::FullInitProcessId(), static_cast<unsigned long>(::getpid()));
     });
     EXPECT_EQ(result.exitCode, 0) << result.err;

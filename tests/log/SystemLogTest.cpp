@@ -1,10 +1,14 @@
 #include "ky/kyLog.h"
 #include "ky/kySystem.h"
+#include "ky/kyThread.h"
 
+#include "support/Asleep.h"
 #include "support/Child.h"
 
 #include <gtest/gtest.h>
 
+#include <future>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -12,6 +16,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <clocale>
 #include <cstdlib>
@@ -97,6 +102,51 @@ TEST(SystemLog, ReceivesNamedEntriesWithTheirPriority)
         ky::terminateKySystem();
         kyLogObject(kyLog::Critical, nullptr, "late") << "without an instance";
         EXPECT_TRUE(Ends(socket.receive(), " : without an instance"));
+    });
+}
+
+TEST(SystemLog, IsNeverTakenForAStandardStream)
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        ExpectInOwnNamespace([fd](SystemLogSocket& socket) {
+            ::close(fd);
+            ky::initializeKySystem(ky::InitType::Light, false);
+            kyLogObject(kyLog::Warning, nullptr, "app") << "named";
+            kyLogObject(kyLog::Warning) << "console only";
+            EXPECT_TRUE(Ends(socket.receive(), " : named"));
+            EXPECT_EQ(socket.receive(), "");
+            EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
+            ky::terminateKySystem();
+        });
+}
+
+TEST(SystemLog, IsReachedFromAChildForkedWhileItWasBusy)
+{
+    ExpectInOwnNamespace([](SystemLogSocket& socket) {
+        ky::initializeKySystem(ky::InitType::Light, false);
+        // The daemon does not read, so that a thread gets stuck inside syslog(3).
+        std::promise<std::string> id;
+        std::thread stuck([&] {
+            id.set_value(ky::kyThread::CurrentThreadId());
+            for (int i = 0; i < 1000; ++i)
+                kyLogObject(kyLog::Info, nullptr, "stuck") << std::string(16000, 'x');
+        });
+        ky::test::WaitUntilAsleep(id.get_future().get());
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(60);
+            while (!socket.receive().empty()) {
+            }
+            kyLogObject(kyLog::Critical, nullptr, "child") << "alive";
+            for (std::string last = socket.receive(); !last.empty(); last = socket.receive())
+                if (Ends(last, " : alive"))
+                    ::_exit(last.compare(0, 4, "<10>") == 0 ? 0 : 2);
+            ::_exit(1);
+        }
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
     });
 }
 

@@ -6,19 +6,25 @@
 #include "support/Child.h"
 #include "support/Library.h"
 
+#include <algorithm>
 #include <functional>
+#include <future>
 #include <iomanip>
 #include <limits>
 #include <locale>
 #include <regex>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cmath>
+#include <csignal>
 #include <cstdlib>
 
 using ky::kyLog;
@@ -75,6 +81,12 @@ std::string Streamed(Value value)
     return stream.str();
 }
 
+template <typename Value>
+concept CanInsert = requires(kyLogObject& object, Value value)
+{
+    object << value;
+};
+
 struct Grouping : std::numpunct<char> {
     char do_thousands_sep() const override { return '.'; }
     char do_decimal_point() const override { return ','; }
@@ -83,7 +95,7 @@ struct Grouping : std::numpunct<char> {
 
 }  // namespace
 
-TEST_F(Log, WritesTheToldLine)
+TEST_F(Log, WritesLevelSubTypeProcessThreadAndTime)
 {
     kyLogObject(kyLog::Warning, "net") << "text";
     const std::string pid = std::to_string(::getpid());
@@ -120,7 +132,7 @@ TEST_F(Log, EnablesTheLevelsBelowInfoByVerbosity)
 {
     const struct {
         int verbosity;
-        kyLogLevel told;
+        kyLogLevel reported;
         std::string written;
     } rows[] = {{0, kyLogLevel::All, "012345"},
                 {1, kyLogLevel::Debug, "02345"},
@@ -131,7 +143,7 @@ TEST_F(Log, EnablesTheLevelsBelowInfoByVerbosity)
     for (const auto& row : rows) {
         log.setLogLevel(kyLogLevel::All);
         log.setLogLevel(static_cast<kyLogLevel>(row.verbosity));
-        EXPECT_EQ(log.getLogLevel(), row.told);
+        EXPECT_EQ(log.getLogLevel(), row.reported);
         std::string written;
         for (int level = kyLog::Dev; level <= kyLog::Suppressed; ++level) {
             kyLogObject(level) << level;
@@ -183,6 +195,9 @@ TEST_F(Log, FormatsNumbersAsAClassicStreamDoesWhateverTheLocale)
     expectStreamed(static_cast<signed char>('y'));
     expectStreamed(static_cast<unsigned char>('z'));
     expectStreamed(true);
+    static_assert(!CanInsert<int (*)(const char*, ...)> && !CanInsert<int (*)()> &&
+                  !CanInsert<const wchar_t*> && !CanInsert<const char8_t*> &&
+                  !CanInsert<int Log::*> && CanInsert<volatile int*>);
     expectStreamed(static_cast<const void*>(this));
     expectStreamed(static_cast<void*>(nullptr));
     std::locale::global(previous);
@@ -315,6 +330,60 @@ TEST_F(Log, WritesToStandardOutputWhateverTheHostDidToIt)
     std::cout.clear();
 }
 
+TEST_F(Log, SurvivesStreamBuffersThatThrowOrLog)
+{
+    struct Throwing : std::streambuf {
+        std::streamsize xsputn(const char*, std::streamsize) override
+        {
+            throw std::runtime_error("full");
+        }
+    } throwing;
+    struct Logging : std::streambuf {
+        std::streamsize xsputn(const char* text, std::streamsize size) override
+        {
+            kyLogObject(kyLog::Info) << std::string_view(text, static_cast<std::size_t>(size));
+            return size;
+        }
+    } logging;
+    for (std::streambuf* buffer :
+         {static_cast<std::streambuf*>(&throwing), static_cast<std::streambuf*>(&logging)}) {
+        std::streambuf* const caught = std::cout.rdbuf(buffer);
+        std::cout.exceptions(std::ios::badbit);
+        kyLogObject(kyLog::Info) << "lost";
+        EXPECT_TRUE(std::cout.good());
+        EXPECT_EQ(std::cout.exceptions(), std::ios::badbit);
+        std::cout.exceptions(std::ios::goodbit);
+        std::cout.rdbuf(caught);
+    }
+    EXPECT_EQ(message([](auto& o) { o << "back"; }), "back");
+}
+
+TEST_F(Log, TakesFinishedEntriesAndTurnsTheConsoleOffAndOn)
+{
+    kyLog::LogEntry entry;
+    entry.level = kyLog::Trace;
+    entry.message = "by hand";
+    log.Write(entry, false);
+    EXPECT_NE(out.take().find(" : by hand\n"), std::string::npos);
+    log.setEchoToConsole(false);
+    kyLogObject(kyLog::Info) << "silent";
+    log.setEchoToConsole(true);
+    EXPECT_EQ(message([](auto& o) { o << "loud"; }), "loud");
+    const std::string time = kyLog::GetTime();
+    const std::string line = [&] {
+        kyLogObject(kyLog::Info) << "now";
+        return out.take();
+    }();
+    EXPECT_EQ(time.substr(time.size() - 9), line.substr(line.find(" : ") - 9, 9)) << line;
+
+    ky::kyLogParameters parameters;
+    parameters.mEchoToConsole = false;
+    parameters.mEchoBesideFile = true;
+    Batch batch(1);
+    kyLog::WriteImpl(parameters, batch);
+    EXPECT_NE(out.take(), "") << "either of the two flags turns the echo on";
+}
+
 TEST_F(Log, LeavesErrnoAlone)
 {
     log.setLogLevel(kyLogLevel::All);
@@ -374,6 +443,75 @@ TEST(LogWithoutInstance, GoesToStandardOutputOrWithANameToStandardError)
         ky::terminateKySystem();
     }
     EXPECT_NE(out.take().find(" : outlives the log\n"), std::string::npos);
+}
+
+TEST(LogConsole, LosesNoLineToSignalsSlowReadersAndWideStreams)
+{
+    const struct {
+        const char* name;
+        void (*prepare)();
+    } rows[] = {
+        {"non-blocking",
+         [] { ::fcntl(STDOUT_FILENO, F_SETFL, ::fcntl(STDOUT_FILENO, F_GETFL) | O_NONBLOCK); }},
+        {"wide", [] { std::wcout << L"wide" << std::endl; }},
+        {"interrupted",
+         [] {
+             struct sigaction action = {};
+             action.sa_handler = [](int) {};
+             ::sigaction(SIGALRM, &action, nullptr);
+             const itimerval every = {{0, 1000}, {0, 1000}};
+             ::setitimer(ITIMER_REAL, &every, nullptr);
+         }},
+        {"failed before", [] { std::cout.setstate(std::ios::badbit); }}};
+    constexpr std::size_t lines = 1000;
+    for (const auto& row : rows) {
+        const auto result = ky::test::RunInChild([&] {
+            int ends[2];
+            ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+            ::dup2(ends[1], STDOUT_FILENO);
+            ::close(ends[1]);
+            std::string received;
+            std::thread reader([&] {
+                char buffer[1000];
+                for (ssize_t size = 0; (size = ::read(ends[0], buffer, sizeof buffer)) != 0;)
+                    received.append(buffer, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+            });
+            row.prepare();
+            ky::initializeKySystem(ky::InitType::Light, false);
+            for (std::size_t i = 0; i < lines; ++i)
+                kyLogObject(kyLog::Info) << std::string(500, 'x');
+            ky::terminateKySystem();
+            ::close(STDOUT_FILENO);
+            reader.join();
+            const auto all = ky::test::Lines(received);
+            EXPECT_EQ(
+                std::count_if(all.begin(), all.end(), [](auto& line) { return line.size() > 540; }),
+                static_cast<std::ptrdiff_t>(lines));
+        });
+        EXPECT_EQ(result.exitCode, 0) << row.name << result.err;
+    }
+}
+
+TEST_F(Log, IsNotTornApartByThreadCancellation)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer takes the unwound stack of a cancelled thread for misused";
+#endif
+    log.setEchoToConsole(false);
+    log.installCustomHandler([](Batch&, void*) { ::pthread_testcancel(); }, nullptr);
+    std::promise<void> logged;
+    std::thread victim([&] {
+        kyLogObject(kyLog::Info) << "x";
+        logged.set_value();
+        for (;;) {
+            kyLogObject(kyLog::Info) << "x";
+            ::pthread_testcancel();
+        }
+    });
+    logged.get_future().wait();
+    ::pthread_cancel(victim.native_handle());
+    victim.join();
+    log.installCustomHandler(nullptr, nullptr);
 }
 
 TEST_F(Log, CutsWhatGoesToTheSystemLogAtAWholeCodePoint)

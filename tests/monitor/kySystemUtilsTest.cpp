@@ -60,6 +60,8 @@ TEST_F(SystemUtils, FormatsSecondsInLocalTimeAndUtc)
     EXPECT_EQ(convert(std::numeric_limits<long>::min(), "%Y", false), "");
     EXPECT_TRUE(std::regex_match(kySystemUtils::GetCurrentDateTimeISO(false),
                                  std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\+0000")));
+    const std::string here = kySystemUtils::GetCurrentDateTimeISO(true);
+    EXPECT_EQ(here.substr(here.size() - 5), "+0100");
     ::unsetenv("TZ");
     kySystemUtils::InitializeSystemUtils();
 }
@@ -78,6 +80,13 @@ TEST_F(SystemUtils, ReadsTheResidentMemoryOfTheProcess)
     EXPECT_EQ(bytes % 1024, 0);
     EXPECT_LT(bytes, 1L << 50);
     EXPECT_EQ(kySystemUtils::GetUsedRamQuantityInBytes(kySystemUtils::Unavailable), 0);
+}
+
+TEST_F(SystemUtils, NamesAMainDiskThatIsABlockDeviceOrNone)
+{
+    const std::string& disk = ky::getMainHDDDevice();
+    EXPECT_EQ(&disk, &ky::getMainHDDDevice());
+    EXPECT_TRUE(disk.empty() || disk.compare(0, 5, "/dev/") == 0) << disk;
 }
 
 TEST_F(SystemUtils, KnowsTheProcessAndThreadOfAForkedChild)

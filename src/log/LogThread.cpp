@@ -1,0 +1,316 @@
+#include "log/LogThread.h"
+
+#include "ky/kyException.h"
+#include "ky/kySystemUtils.h"
+
+#include "frame/Guard.h"
+#include "log/LogWriter.h"
+
+#include <limits>
+#include <utility>
+
+#include <ctime>
+
+namespace ky {
+namespace {
+
+constexpr std::size_t sMaxQueuedBytes = 16777216;
+constexpr unsigned long sNoTimeLimit = ~0UL;
+
+constinit thread_local const kyLogThread* tCurrent = nullptr;
+
+void Nap(long microseconds)
+{
+    const std::timespec time{0, microseconds * 1000};
+    ::nanosleep(&time, nullptr);
+}
+
+/// The time left of a patience, on the monotonic clock: the wall clock may jump.
+class Patience {
+public:
+    explicit Patience(unsigned long ms) : mMs(ms), mSince(kySystemUtils::GetTimeBaseMs()) {}
+    bool isOver() const { return kySystemUtils::GetTimeBaseMs() - mSince >= mMs; }
+    void renew() { mSince = kySystemUtils::GetTimeBaseMs(); }
+
+private:
+    const unsigned long mMs;
+    unsigned long mSince;
+};
+
+}  // namespace
+
+kyLogThread::kyLogThread(const kyLogParameters& parameters)
+    : mShared(parameters), mWorking(parameters)
+{
+    startLibraryThread("kyLog");
+}
+
+kyLogThread::~kyLogThread()
+{
+    {
+        kyMutexLocker lock(mMutex, true);
+        mStopRequested = true;
+        mFlushRequested = true;
+        mWork.wakeAll();
+        mFlushed.wakeAll();
+    }
+    waitThread(std::numeric_limits<int>::max());
+}
+
+bool kyLogThread::isCurrent() const
+{
+    return tCurrent == this;
+}
+
+void kyLogThread::push(Batch& batch, bool flushNow)
+{
+    const std::size_t bytes = batch.front().message.size();
+    const impl::InsideLog inside;
+    kyMutexLocker lock(mMutex, true);
+    mQueue.splice(mQueue.end(), batch);
+    mQueuedBytes += bytes;
+    const std::uint64_t ticket = ++mQueuedTicket;
+    const bool wait =
+        (flushNow || mQueuedBytes > sMaxQueuedBytes) && !mStopRequested && !isCurrent();
+    mFlushRequested = mFlushRequested || wait;
+    // The thread is woken once, by the first who finds it asleep: waking costs more than the rest.
+    const bool asleep = std::exchange(mIdle, false);
+    if (wait) {
+        if (asleep)
+            mWork.wakeAll();
+        waitUntil([&] { return mWrittenTicket >= ticket; });
+        return;
+    }
+    lock.unlock();
+    if (asleep)
+        mWork.wakeAll();
+}
+
+void kyLogThread::flush()
+{
+    if (isCurrent())
+        return;
+    const impl::InsideLog inside;
+    kyMutexLocker lock(mMutex, true);
+    if (mStopRequested)
+        return;
+    const std::uint64_t ticket = mQueuedTicket;
+    if (mWrittenTicket >= ticket)
+        return;
+    mFlushRequested = true;
+    wake();
+    waitUntil([&] { return mWrittenTicket >= ticket; });
+}
+
+void kyLogThread::configure(kyLogParameters& parameters,
+                            const std::function<void(kyLogParameters&)>& change)
+{
+    const impl::InsideLog inside;
+    kyMutexLocker lock(mMutex, true);
+    if (!isCurrent())
+        waitUntil([&] { return mAdopted == mConfigured; });
+    parameters = mShared;
+    change(parameters);
+    if (parameters == mShared)
+        return;
+    mShared = parameters;
+    if (isCurrent()) {
+        // A custom handler that removes itself must not be called again, not even for what was
+        // queued before.
+        change(mWorking);
+        return;
+    }
+    mBeforeChange.splice(mBeforeChange.end(), mQueue);
+    mTicketBeforeChange = mQueuedTicket;
+    mQueuedBytes = 0;
+    const std::uint64_t made = ++mConfigured;
+    mFlushRequested = true;
+    wake();
+    waitUntil([&] { return mAdopted >= made; });
+}
+
+void kyLogThread::writeNested(Batch& batch)
+{
+    kyLog::WriteImpl(mWorking, batch);
+}
+
+bool kyLogThread::hasWork() const
+{
+    return !mQueue.empty() || !mBeforeChange.empty() || mAdopted != mConfigured;
+}
+
+void kyLogThread::wake()
+{
+    if (std::exchange(mIdle, false))
+        mWork.wakeAll();
+}
+
+void kyLogThread::waitUntil(const std::function<bool()>& done)
+{
+    ++mWaiters;
+    while (!done() && !mEnded)
+        mFlushed.wait(&mMutex, sNoTimeLimit);
+    --mWaiters;
+}
+
+int kyLogThread::run()
+{
+    tCurrent = this;
+    // Nobody could go on without this thread: a crash on it ends the process.
+    const impl::ScopedCrashThrowBan ban;
+    kyMutexLocker lock(mMutex, true);
+    while (hasWork() || !mStopRequested) {
+        if (hasWork())
+            writeRound(lock);
+        else
+            waitForWork(lock);
+    }
+    mEnded = true;
+    mFlushed.wakeAll();
+    return 0;
+}
+
+void kyLogThread::waitForWork(kyMutexLocker& lock)
+{
+    while (!hasWork() && !mStopRequested) {
+        mIdle = true;
+        mWork.wait(&mMutex, sNoTimeLimit);
+    }
+    mIdle = false;
+    if (mFlushRequested)
+        return;
+    // Somebody has begun to log and nobody waits. A moment later there is a batch to write, and
+    // producers were not slowed down by waking a thread for every line.
+    constexpr long gatherMicroseconds = 100;
+    lock.unlock();
+    Nap(gatherMicroseconds);
+    lock.lock();
+}
+
+void kyLogThread::writeRound(kyMutexLocker& lock)
+{
+    const bool changing = mAdopted != mConfigured;
+    const std::uint64_t changesSeen = mConfigured;
+    const std::uint64_t ticket = changing ? mTicketBeforeChange : mQueuedTicket;
+    mInWork.swap(changing ? mBeforeChange : mQueue);
+    if (!changing)
+        mQueuedBytes = 0;
+    mIsWriting.store(true, std::memory_order_relaxed);
+    lock.unlock();
+    if (!mInWork.empty()) {
+        const auto write = [](void* self) {
+            auto& thread = *static_cast<kyLogThread*>(self);
+            kyLog::WriteImpl(thread.mWorking, thread.mInWork);
+        };
+        exception::impl::ExecGuardedCode(write, this);
+        mInWork.clear();
+    }
+    lock.lock();
+    mIsWriting.store(false, std::memory_order_relaxed);
+    mWrittenTicket = ticket;
+    mShared.mPendingNotice = mWorking.mPendingNotice;
+    mFlushRequested = mFlushRequested && hasWork();
+    if (changing && changesSeen == mConfigured) {
+        mWorking = mShared;
+        mAdopted = mConfigured;
+    }
+    if (mWaiters != 0)
+        mFlushed.wakeAll();
+}
+
+bool kyLogThread::lockWithin(unsigned long patienceMs)
+{
+    const Patience patience(patienceMs);
+    while (!mMutex.tryLock()) {
+        if (patience.isOver())
+            return false;
+        Nap(200);
+    }
+    return true;
+}
+
+bool kyLogThread::flushWhileItGoesOn(unsigned long patienceMs)
+{
+    if (!lockWithin(patienceMs))
+        return false;
+    const std::uint64_t ticket = mQueuedTicket;
+    mFlushRequested = true;
+    wake();
+    mMutex.unlock();
+
+    Patience patience(patienceMs);
+    unsigned long progress = impl::WriterProgress();
+    while (lockWithin(patienceMs)) {
+        const bool done = mWrittenTicket >= ticket || mEnded;
+        mMutex.unlock();
+        if (done)
+            return true;
+        if (std::exchange(progress, impl::WriterProgress()) != progress)
+            patience.renew();
+        if (patience.isOver())
+            return false;
+        Nap(200);
+    }
+    return false;
+}
+
+bool kyLogThread::lockIdleWriter(unsigned long patienceMs)
+{
+    Patience patience(patienceMs);
+    unsigned long progress = impl::WriterProgress();
+    while (lockWithin(patienceMs)) {
+        if (!mIsWriting.load(std::memory_order_relaxed))
+            return true;
+        mMutex.unlock();
+        if (std::exchange(progress, impl::WriterProgress()) != progress)
+            patience.renew();
+        if (patience.isOver())
+            return false;
+        Nap(200);
+    }
+    return false;
+}
+
+bool kyLogThread::writeFromCrash(Batch& batch, unsigned long patienceMs)
+{
+    if (isCurrent()) {
+        kyLog::WriteImpl(mWorking, batch);
+        impl::FinishInterruptedBatch();
+        if (lockWithin(patienceMs)) {
+            writeRestHere();
+            mMutex.unlock();
+        }
+        return true;
+    }
+    if (impl::InsideLog::IsActive()) {
+        if (!lockIdleWriter(patienceMs))
+            return false;
+        kyLog::WriteImpl(mWorking, batch);
+        writeRestHere();
+        mMutex.unlock();
+        return true;
+    }
+    if (!lockWithin(patienceMs))
+        return false;
+    mQueuedBytes += batch.front().message.size();
+    mQueue.splice(mQueue.end(), batch);
+    ++mQueuedTicket;
+    mMutex.unlock();
+    return flushWhileItGoesOn(patienceMs);
+}
+
+void kyLogThread::writeRestHere()
+{
+    for (Batch* const queue : {&mBeforeChange, &mQueue}) {
+        // Only forward pointers are followed and nothing is unlinked: the crash may have hit in
+        // the middle of an insertion at the end.
+        Batch rest;
+        for (kyLog::LogEntry& entry : *queue)
+            if (entry.level != kyLog::Suppressed)
+                rest.push_back(std::exchange(entry, kyLog::LogEntry()));
+        if (!rest.empty())
+            kyLog::WriteImpl(mWorking, rest);
+    }
+}
+
+}  // namespace ky

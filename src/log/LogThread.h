@@ -1,0 +1,107 @@
+#pragma once
+
+#include "ky/kyLog.h"
+#include "ky/kyMutex.h"
+#include "ky/kyThread.h"
+#include "ky/kyWaitCondition.h"
+
+#include "log/LogParameters.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+
+namespace ky {
+
+/// Writes what producers queue, batch by batch, in the background.
+///
+/// Every entry gets a ticket, the number of entries queued before it plus one. Whoever waits for
+/// an entry waits until its ticket is written, and for no later one.
+class kyLogThread : public kyThread {
+public:
+    explicit kyLogThread(const kyLogParameters& parameters);
+
+    /// Writes what is queued, then ends the thread.
+    ~kyLogThread() override;
+
+    /// Queues the only entry of `batch`. Waits until it is written when `flushNow` is set or more
+    /// than 16 MiB of messages are queued, unless the thread is stopping.
+    void push(std::list<kyLog::LogEntry>& batch, bool flushNow);
+
+    /// Waits until everything queued before the call is written. Not on the log thread itself, nor
+    /// while it is stopping.
+    void flush();
+
+    /// Takes into `parameters` what the writer changed, applies `change` and hands the outcome
+    /// over. What is queued already is still written the old way; on return, nothing is any more.
+    /// From the log thread itself, that is from a custom handler, the change acts at once.
+    void configure(kyLogParameters& parameters,
+                   const std::function<void(kyLogParameters&)>& change);
+
+    /// Whether the caller runs on this thread.
+    bool isCurrent() const;
+
+    /// Whether fork(2) brought this object into the process: there is no thread behind it, and
+    /// whatever another thread held at the fork is held for ever.
+    using kyThread::isInherited;
+
+    /// Writes, on the log thread itself, what a custom handler logs there.
+    void writeNested(std::list<kyLog::LogEntry>& batch);
+
+    /// Waits until everything queued before the call is written, as long as the writer writes at
+    /// least something every `patienceMs` milliseconds. Tells whether it is written.
+    bool flushWhileItGoesOn(unsigned long patienceMs);
+
+    /// For the crash handler: writes the only entry of `batch` behind all that is queued, and
+    /// returns when it is through the sinks. False after `patienceMs` milliseconds without any
+    /// progress. On the log thread itself, and where the crash has hit this thread inside the log,
+    /// it writes on the caller's thread, the report first.
+    bool writeFromCrash(std::list<kyLog::LogEntry>& batch, unsigned long patienceMs);
+
+    /// Around fork(2): nobody is in the middle of a change of the queue.
+    void lockForFork() { mMutex.lock(); }
+    void unlockAfterFork() { mMutex.unlock(); }
+
+protected:
+    int run() override;
+
+private:
+    using Batch = std::list<kyLog::LogEntry>;
+
+    bool hasWork() const;
+    void waitForWork(kyMutexLocker& lock);
+    void writeRound(kyMutexLocker& lock);
+    void wake();
+    void waitUntil(const std::function<bool()>& done);
+    bool lockWithin(unsigned long patienceMs);
+    bool lockIdleWriter(unsigned long patienceMs);
+    void writeRestHere();
+
+    kyMutex mMutex;
+    kyWaitCondition mWork;
+    kyWaitCondition mFlushed;
+
+    // All under mMutex.
+    Batch mQueue;
+    Batch mBeforeChange;  // queued before the change of configuration that the writer has to adopt
+    std::size_t mQueuedBytes = 0;
+    std::uint64_t mQueuedTicket = 0;
+    std::uint64_t mTicketBeforeChange = 0;
+    std::uint64_t mWrittenTicket = 0;
+    std::uint64_t mConfigured = 0;  // changes made
+    std::uint64_t mAdopted = 0;     // changes that the writer works with
+    kyLogParameters mShared;
+    unsigned int mWaiters = 0;
+    bool mIdle = false;
+    bool mFlushRequested = false;
+    bool mStopRequested = false;
+    bool mEnded = false;
+
+    // True while the thread writes without the lock, and mWorking is its own. Read by a crash
+    // handler that must not share the custom handler with it.
+    std::atomic<bool> mIsWriting{false};
+    kyLogParameters mWorking;
+    Batch mInWork;
+};
+
+}  // namespace ky

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "ky/kyLog.h"
+
+namespace ky::impl {
+
+/// Marks that the calling thread is in the middle of the log's own work, for a crash handler that
+/// interrupts it there.
+class InsideLog {
+public:
+    InsideLog() noexcept { ++tDepth; }
+    ~InsideLog() { --tDepth; }
+    InsideLog(const InsideLog&) = delete;
+    InsideLog& operator=(const InsideLog&) = delete;
+
+    static bool IsActive() noexcept { return tDepth != 0; }
+
+private:
+    static thread_local int tDepth;
+};
+
+/// Whether a custom handler runs on the calling thread.
+bool IsHandlerRunning() noexcept;
+
+/// Grows with every entry written and every batch handed over, whoever did it.
+unsigned long WriterProgress() noexcept;
+
+/// For a crash handler that has interrupted `kyLog::WriteImpl` on its thread: writes the rest of
+/// the batch, and hands it to the custom handler unless that has it already.
+void FinishInterruptedBatch();
+
+}  // namespace ky::impl

@@ -1,0 +1,422 @@
+#include "ky/kyLog.h"
+
+#include "ky/kyMutex.h"
+#include "ky/kyThread.h"
+#include "ky/kyWaitCondition.h"
+
+#include "support/Asleep.h"
+#include "support/Child.h"
+#include "support/Library.h"
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdlib>
+
+using ky::kyLog;
+using ky::kyLogObject;
+
+namespace {
+
+using Batch = std::list<kyLog::LogEntry>;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool sIsSanitized = true;
+#else
+constexpr bool sIsSanitized = false;
+#endif
+
+/// The library at the full level with a silent console.
+struct LogThread : ky::test::FullLibrary {
+    LogThread() : log(*kyLog::Instance()) { log.setEchoToConsole(false); }
+    ~LogThread() override { log.installCustomHandler(nullptr, nullptr); }
+
+    kyLog& log;
+};
+
+/// Keeps messages. Read it when the handler is removed, or from the handler.
+struct Messages {
+    static void Handle(Batch& batch, void* self)
+    {
+        for (const auto& entry : batch)
+            static_cast<Messages*>(self)->all.push_back(entry.message);
+    }
+    std::vector<std::string> all;
+};
+
+/// "thread number text", the text being as long and as made of one letter as the number says.
+std::string Line(int thread, int number)
+{
+    const std::size_t size = number % 100 == 99 ? static_cast<std::size_t>(number) * 7919 % 65536
+                                                : static_cast<std::size_t>(number) % 180;
+    return std::to_string(thread) + " " + std::to_string(number) + " " +
+           std::string(size, static_cast<char>('a' + thread % 26));
+}
+
+void ExpectEachOnceInOrder(const std::vector<std::string>& messages, int threads, int lines)
+{
+    std::vector<int> next(static_cast<std::size_t>(threads), 0);
+    for (const std::string& message : messages) {
+        const auto thread = static_cast<std::size_t>(std::atoi(message.c_str()));
+        ASSERT_LT(thread, next.size());
+        ASSERT_EQ(message, Line(static_cast<int>(thread), next[thread]));
+        ++next[thread];
+    }
+    for (const int count : next)
+        EXPECT_EQ(count, lines);
+}
+
+std::vector<std::string> MessagesOfLines(const std::string& text)
+{
+    std::vector<std::string> messages;
+    for (const std::string& line : ky::test::Lines(text))
+        messages.push_back(line.substr(line.find(" : ") + 3));
+    return messages;
+}
+
+void LogFrom(int threads, int lines)
+{
+    std::vector<std::thread> producers;
+    for (int thread = 0; thread < threads; ++thread)
+        producers.emplace_back([=] {
+            for (int i = 0; i < lines; ++i)
+                kyLogObject(kyLog::Info) << Line(thread, i);
+        });
+    for (std::thread& producer : producers)
+        producer.join();
+}
+
+}  // namespace
+
+TEST(LogThreadOutput, CarriesEveryLineOfManyThreadsOnceWholeAndInOrder)
+{
+    constexpr int threads = sIsSanitized ? 8 : 64;
+    constexpr int lines = sIsSanitized ? 300 : 1000;
+    const auto result = ky::test::RunInChild([&] {
+        ky::initializeKySystem(ky::InitType::Full, false);
+        Messages messages;
+        kyLog::Instance()->installCustomHandler(&Messages::Handle, &messages);
+        LogFrom(threads, lines);
+        kyLog::Instance()->installCustomHandler(nullptr, nullptr);
+        ExpectEachOnceInOrder(messages.all, threads, lines);
+        ky::terminateKySystem();
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    ExpectEachOnceInOrder(MessagesOfLines(result.out), threads, lines);
+}
+
+TEST_F(LogThread, ReturnsFromAFlushWhenTheEntryIsThroughTheHandler)
+{
+    std::atomic<int> handled = 0;
+    const auto count = [](Batch& batch, void* total) {
+        *static_cast<std::atomic<int>*>(total) += static_cast<int>(batch.size());
+    };
+    log.installCustomHandler(count, &handled);
+    for (int i = 1; i <= 100; ++i) {
+        kyLogObject(kyLog::Info).setFlushNow() << i;
+        ASSERT_EQ(handled, 2 * i - 1);
+        kyLogObject(kyLog::Info) << i;
+        log.flush();
+        ASSERT_EQ(handled, 2 * i);
+    }
+}
+
+TEST_F(LogThread, HoldsAProducerBackAboveSixteenMebibytesOnly)
+{
+    struct Gate {
+        std::promise<void> entered;
+        std::promise<void> leave;
+        bool isFirst = true;
+    } gate;
+    const auto block = [](Batch&, void* self) {
+        auto& g = *static_cast<Gate*>(self);
+        if (!std::exchange(g.isFirst, false))
+            return;
+        g.entered.set_value();
+        g.leave.get_future().wait();
+    };
+    log.installCustomHandler(block, &gate);
+    kyLogObject(kyLog::Info) << "block";
+    gate.entered.get_future().wait();
+    // The queue was swapped out, so it is empty now. Exactly 16 MiB do not wait.
+    kyLogObject(kyLog::Info) << std::string(16777216, 'x');
+    std::atomic<bool> passed = false;
+    std::promise<std::string> id;
+    std::thread producer([&] {
+        id.set_value(ky::kyThread::CurrentThreadId());
+        kyLogObject(kyLog::Info) << "y";
+        passed = true;
+    });
+    ky::test::WaitUntilAsleep(id.get_future().get());
+    EXPECT_FALSE(passed);
+    gate.leave.set_value();
+    producer.join();
+}
+
+TEST_F(LogThread, WritesUnderTheConfigurationOfTheMomentOfLogging)
+{
+    log.setLogLevel(ky::kyLogLevel::Debug);
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> producers;
+    for (int i = 0; i < 2; ++i)
+        producers.emplace_back([&] {
+            const std::string noise(2000, 'n');
+            while (!stop)
+                kyLogObject(kyLog::Debug, "noise") << noise;
+        });
+    for (int round = 0; round < 100; ++round) {
+        auto messages = std::make_unique<Messages>();
+        ASSERT_TRUE(log.installCustomHandler(&Messages::Handle, messages.get()));
+        kyLogObject(kyLog::Info) << "mine";
+        ASSERT_TRUE(log.installCustomHandler(nullptr, nullptr));
+        // Freed with its content looked at while others log on: no call of the handler is left.
+        ASSERT_EQ(std::count(messages->all.begin(), messages->all.end(), "mine"), 1);
+        messages.reset();
+        kyLogObject(kyLog::Info) << "unheard";
+    }
+    stop = true;
+    for (std::thread& producer : producers)
+        producer.join();
+}
+
+TEST_F(LogThread, LetsAHandlerLogFlushConfigureThrowAndRemoveItself)
+{
+    struct Talker {
+        kyLog& log;
+        std::vector<std::string> heard;
+    } talker{log, {}};
+    const auto talk = [](Batch& batch, void* self) {
+        auto& t = *static_cast<Talker*>(self);
+        for (const auto& entry : batch)
+            t.heard.push_back(entry.message);
+        kyLogObject(kyLog::Info).setFlushNow() << "about " << batch.front().message;
+        t.log.flush();
+        t.log.setEchoToConsole(false);
+        t.log.setSubTypeEnabled("x", false);
+        if (batch.front().message == "throw")
+            throw std::runtime_error("of the handler");
+        if (batch.front().message == "leave")
+            t.log.installCustomHandler(nullptr, nullptr);
+    };
+    log.installCustomHandler(talk, &talker);
+    kyLogObject(kyLog::Info).setFlushNow() << "start";
+    EXPECT_EQ(talker.heard, (std::vector<std::string>{"start", "about start"}));
+    talker.heard.clear();
+    kyLogObject(kyLog::Info).setFlushNow() << "throw";
+    log.flush();
+    ASSERT_GE(talker.heard.size(), 2u);
+    EXPECT_EQ(talker.heard[0], "throw");
+    EXPECT_EQ(talker.heard[1],
+              "Catch an exception : 'of the handler' see application and system logs");
+    talker.heard.clear();
+    kyLogObject(kyLog::Info).setFlushNow() << "leave";
+    kyLogObject(kyLog::Info).setFlushNow() << "unheard";
+    EXPECT_EQ(talker.heard, std::vector<std::string>{"leave"});
+}
+
+TEST_F(LogThread, StartsAndStopsAsFastAsItCan)
+{
+    for (int i = 0; i < (sIsSanitized ? 200 : 2000); ++i) {
+        kyLog other(true);
+        kyLog::LogEntry entry;
+        if (i % 2 == 0)
+            other.Write(entry, i % 3 == 0);
+        other.setEchoToConsole(false);
+    }
+}
+
+TEST(LogThreadAtExit, WritesWhatIsQueuedAndWhatStaticDestructorsLog)
+{
+    const auto result = ky::test::RunInChild([] {
+        ky::initializeKySystem(ky::InitType::Full, false);
+        LogFrom(4, 500);
+        std::exit(7);
+    });
+    EXPECT_EQ(result.exitCode, 7);
+    ExpectEachOnceInOrder(MessagesOfLines(result.out), 4, 500);
+}
+
+TEST(LogThreadAtExit, GivesUpOnAHandlerThatIsStuck)
+{
+    const auto result = ky::test::RunInChild([] {
+        ky::initializeKySystem(ky::InitType::Full, false);
+        kyLog::Instance()->installCustomHandler([](Batch&, void*) { ::pause(); }, nullptr);
+        kyLogObject(kyLog::Info) << "last";
+        std::exit(7);
+    });
+    EXPECT_EQ(result.exitCode, 7);
+    EXPECT_NE(result.out.find(" : last\n"), std::string::npos);
+}
+
+TEST(LogThreadFork, LetsChildrenLogAndEndWhileOthersHoldTheLocks)
+{
+    if (sIsSanitized)
+        GTEST_SKIP() << "the sanitizer's own locks are not renewed in a child of many threads";
+    constexpr int rounds = 100;
+    const auto result = ky::test::RunInChild([] {
+        ky::initializeKySystem(ky::InitType::Full, false);
+        std::atomic<bool> stop = false;
+        std::vector<std::thread> producers;
+        for (int i = 0; i < 8; ++i)
+            producers.emplace_back([&] {
+                for (int line = 0; !stop; ++line)
+                    kyLogObject(kyLog::Info) << "parent " << std::string(1000, 'p') << line;
+            });
+        for (int round = 0; round < rounds; ++round) {
+            const pid_t child = ::fork();
+            if (child == 0) {
+                ::alarm(60);
+                kyLogObject(kyLog::Info).setFlushNow() << "child " << round;
+                kyLog::Instance()->flush();
+                kyLog::Instance()->setEchoToConsole(true);
+                {
+                    ky::kyMutex mutex;
+                    ky::kyWaitCondition condition;
+                }
+                ky::terminateKySystem();
+                std::exit(0);
+            }
+            int status = -1;
+            ::waitpid(child, &status, 0);
+            EXPECT_EQ(status, 0) << "round " << round;
+        }
+        stop = true;
+        for (std::thread& producer : producers)
+            producer.join();
+        ky::terminateKySystem();
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    std::map<std::string, int> childLines;
+    for (const std::string& message : MessagesOfLines(result.out))
+        if (message.compare(0, 6, "child ") == 0)
+            ++childLines[message];
+    EXPECT_EQ(childLines.size(), static_cast<std::size_t>(rounds));
+    for (const auto& [message, count] : childLines)
+        EXPECT_EQ(count, 1) << message;
+}
+
+namespace {
+
+[[gnu::noinline]] int OverflowStack(int depth)
+{
+    volatile char frame[4096];
+    frame[0] = static_cast<char>(depth);
+    return depth == 0 ? 0 : OverflowStack(depth + 1) + frame[0];
+}
+
+/// Kills the log's own thread while it waits for work.
+void CrashInLogThread()
+{
+    static std::atomic<pthread_t> sLogThread = 0;
+    kyLog::Instance()->installCustomHandler([](Batch&, void*) { sLogThread = ::pthread_self(); },
+                                            nullptr);
+    kyLogObject(kyLog::Info).setFlushNow() << "who are you";
+    ::pthread_kill(sLogThread, SIGSEGV);
+    for (;;)
+        ::pause();
+}
+
+void CrashInHandler()
+{
+    kyLog::Instance()->installCustomHandler(
+        [](Batch&, void*) { *static_cast<volatile int*>(nullptr) = 1; }, nullptr);
+    kyLogObject(kyLog::Info) << "crash";
+    for (;;)
+        ::pause();
+}
+
+}  // namespace
+
+TEST(LogThreadCrash, LosesNoLineAndDiesOfTheSignal)
+{
+    if (sIsSanitized)
+        GTEST_SKIP() << "the sanitizer has handlers of its own";
+    const struct {
+        const char* name;
+        int signal;
+        void (*crash)();
+    } rows[] = {
+        {"SIGSEGV", SIGSEGV, [] { *static_cast<volatile int*>(nullptr) = 1; }},
+        {"abort", SIGABRT, [] { std::abort(); }},
+        {"terminate", SIGABRT, [] { std::terminate(); }},
+        {"exception in a thread", SIGABRT, [] { std::thread([] { throw 1; }).join(); }},
+        {"SIGFPE in a thread", SIGFPE, [] { std::thread([] { ::raise(SIGFPE); }).join(); }},
+        {"stack overflow", SIGSEGV, [] { OverflowStack(1); }},
+        {"the log's own thread", SIGSEGV, &CrashInLogThread},
+        {"a custom handler", SIGSEGV, &CrashInHandler},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto result = ky::test::RunInChild([&] {
+            ky::initializeKySystem(ky::InitType::Full, false);
+            LogFrom(4, 500);
+            row.crash();
+        });
+        EXPECT_EQ(result.signal, row.signal) << result.err;
+        std::vector<std::string> messages = MessagesOfLines(result.out);
+        const auto report = std::find_if(messages.begin(), messages.end(), [](auto& message) {
+            return message.compare(0, 12, "Got signal (") == 0;
+        });
+        EXPECT_NE(report, messages.end());
+        messages.resize(4 * 500);
+        ExpectEachOnceInOrder(messages, 4, 500);
+    }
+}
+
+TEST(LogThreadCrash, LosesNoAcceptedLineWhenItHitsAProducer)
+{
+    if (sIsSanitized)
+        GTEST_SKIP() << "the sanitizer has handlers of its own";
+    constexpr int threads = 4;
+    using Counts = std::atomic<int>[threads];
+    auto& accepted = *static_cast<Counts*>(
+        ::mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    for (int round = 0; round < 10; ++round) {
+        for (std::atomic<int>& count : accepted)
+            count = 0;
+        const auto result = ky::test::RunInChild([&] {
+            ky::initializeKySystem(ky::InitType::Full, false);
+            std::vector<std::thread> producers;
+            for (int thread = 0; thread < threads; ++thread)
+                producers.emplace_back([&accepted, thread] {
+                    while (accepted[thread] < 5000) {
+                        // The first one waits inside the log nearly all the time.
+                        kyLogObject(kyLog::Info).setFlushNow(thread == 0)
+                            << Line(thread, accepted[thread] % 99);
+                        ++accepted[thread];
+                    }
+                    for (;;)
+                        ::pause();
+                });
+            while (accepted[0] < 100 + round * 10)
+                std::this_thread::yield();
+            ::pthread_kill(producers[0].native_handle(), SIGSEGV);
+            for (;;)
+                ::pause();
+        });
+        ASSERT_EQ(result.signal, SIGSEGV);
+        // Where the memory allocator was hit, the report is all that is promised.
+        if (result.err.find("Got signal (") != std::string::npos)
+            continue;
+        ASSERT_NE(result.out.find(" : Got signal ("), std::string::npos);
+        std::vector<int> written(threads, 0);
+        for (const std::string& message : MessagesOfLines(result.out))
+            if (message[0] >= '0' && message[0] < '0' + threads)
+                ++written[static_cast<std::size_t>(message[0] - '0')];
+        for (int thread = 0; thread < threads; ++thread)
+            ASSERT_GE(written[static_cast<std::size_t>(thread)], accepted[thread])
+                << "round " << round << " thread " << thread;
+    }
+    ::munmap(&accepted, sizeof(Counts));
+}
