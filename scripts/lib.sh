@@ -5,6 +5,9 @@ build_packages="g++ cmake ninja-build ccache git libutfcpp-dev libcli11-dev"
 test_packages="$build_packages libgtest-dev pkg-config util-linux"
 gate_packages="$test_packages clang clang-format clang-tidy libbenchmark-dev libspdlog-dev"
 
+# Without a home of our own the compiler cache lives in the build folder.
+[ -w "${HOME:-/nowhere}" ] || export CCACHE_DIR=$PWD/build/ccache
+
 # need PACKAGE...: installs what is missing, through sudo when we are not root. Says nothing and
 # takes no time when everything is there.
 need() {
@@ -31,10 +34,14 @@ quietly() {
     return "$status"
 }
 
-# build PRESET [TARGET...]
+# build PRESET [OPTION...] [TARGET]: options for cmake begin with -D.
 build() {
-    local preset=$1
+    local preset=$1 options=()
     shift
-    quietly cmake --preset "$preset" || return
-    quietly cmake --build --preset "$preset" ${1:+--target "$@"}
+    while [[ ${1-} == -D* ]]; do
+        options+=("$1")
+        shift
+    done
+    quietly cmake --preset "$preset" "${options[@]}" || return
+    quietly cmake --build --preset "$preset" ${1:+--target "$1"}
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 using ky::test::Lines;
@@ -108,12 +109,50 @@ TEST(LogCommand, NeverTakesAnInputFileForAStandardStream)
 {
     const ky::test::TemporaryFolder folder;
     const std::string file = folder.write("input", "precious\n");
-    const auto result = RunCommand({KY_COMMAND, "log", file}, "", [] {
-        for (const int fd : {STDIN_FILENO, STDERR_FILENO})
-            ::close(fd);
+    // With 0 free the file would be descriptor 0, and "-" would read it once more.
+    const auto input =
+        RunCommand({KY_COMMAND, "log", file, "-"}, "", [] { ::close(STDIN_FILENO); });
+    EXPECT_EQ(input.exitCode, 1);
+    EXPECT_EQ(Lines(input.out).size(), 1u) << input.out;
+    EXPECT_TRUE(Contains(input.err, "Cannot read standard input. ")) << input.err;
+
+    const auto both = RunCommand({KY_COMMAND, "log", file}, "", [] {
+        ::close(STDIN_FILENO);
+        ::close(STDERR_FILENO);
     });
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(Contains(result.out, " : precious\n"));
+    EXPECT_EQ(both.exitCode, 0);
+    EXPECT_TRUE(Contains(both.out, " : precious\n"));
+
+    const auto itself = RunCommand({KY_COMMAND, "log", file}, "", [&] {
+        ::dup2(::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC), STDOUT_FILENO);
+    });
+    EXPECT_EQ(itself.exitCode, 1);
+    EXPECT_TRUE(Contains(itself.err, "standard output too")) << itself.err;
+}
+
+TEST(LogCommand, ReportsALineThatDoesNotFitIntoMemory)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer needs more address space than the limit leaves";
+#endif
+    for (const rlim_t megabytes : {100, 300}) {
+        const auto result = RunCommand({KY_COMMAND, "log", "/dev/zero"}, "", [=] {
+            const rlimit limit = {megabytes << 20, megabytes << 20};
+            ::setrlimit(RLIMIT_AS, &limit);
+        });
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_TRUE(Contains(result.err, "(12) ENOMEM")) << result.err;
+    }
+}
+
+TEST(LogCommand, SendsNamedLinesToTheSystemLogAndTakesEmptyNames)
+{
+    const auto named = RunCommand({KY_COMMAND, "log", "-q", "--system-log", "name"}, "x\n");
+    EXPECT_EQ(named.exitCode, 0) << named.err;
+    const ky::test::TemporaryFolder folder;
+    const auto empty =
+        RunCommand({KY_COMMAND, "log", "--sub-type=", folder.write("input", "one\n")}, "two\n");
+    EXPECT_TRUE(Contains(empty.out, "INFO PID ") && Contains(empty.out, " : one\n"));
 }
 
 TEST(InfoCommand, PrintsVersionProcessMemoryAndClocks)

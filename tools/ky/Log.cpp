@@ -4,14 +4,18 @@
 #include "ky/kyLog.h"
 #include "ky/kySystem.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
 
 namespace ky::tool {
 namespace {
@@ -28,35 +32,47 @@ const std::map<std::string, int> sLevels = {
     {"dev", kyLog::Dev},   {"trace", kyLog::Trace},     {"debug", kyLog::Debug},
     {"info", kyLog::Info}, {"warning", kyLog::Warning}, {"critical", kyLog::Critical}};
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-/// The text of getline(3), which takes zero bytes and lines of any length.
-class LineBuffer {
+/// Lines of any length and content, without their newlines.
+class LineReader {
 public:
-    LineBuffer() = default;
-    ~LineBuffer() { std::free(mText); }
-    LineBuffer(const LineBuffer&) = delete;
-    LineBuffer& operator=(const LineBuffer&) = delete;
+    explicit LineReader(int fd) : mFd(fd) {}
 
-    /// False at the end and after an error (ferror(3)). The line comes without its newline.
-    bool read(std::FILE* file)
+    /// False at the end, and after an error, which `error` then gives.
+    bool read(std::string& line)
     {
-        const ssize_t length = ::getline(&mText, &mCapacity, file);
-        if (length < 0)
-            return false;
-        mLine = std::string_view(mText, static_cast<std::size_t>(length));
-        if (!mLine.empty() && mLine.back() == '\n')
-            mLine.remove_suffix(1);
-        return true;
+        line.clear();
+        for (;;) {
+            const std::size_t end = mBuffer.find('\n', mStart);
+            line.append(mBuffer, mStart, end - mStart);
+            if (end != std::string::npos) {
+                mStart = end + 1;
+                return true;
+            }
+            if (!refill())
+                return mError == 0 && !line.empty();
+        }
     }
-    std::string_view line() const { return mLine; }
+    int error() const { return mError; }
 
 private:
-    char* mText = nullptr;
-    std::size_t mCapacity = 0;
-    std::string_view mLine;
+    bool refill()
+    {
+        constexpr std::size_t bufferBytes = 65536;
+        mBuffer.resize(bufferBytes);
+        mStart = 0;
+        ssize_t size = 0;
+        do
+            size = ::read(mFd, mBuffer.data(), mBuffer.size());
+        while (size == -1 && (errno == EINTR || WaitWhileBusy(mFd, POLLIN)));
+        mError = size == -1 ? errno : 0;
+        mBuffer.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+        return size > 0;
+    }
+
+    const int mFd;
+    std::string mBuffer;
+    std::size_t mStart = 0;
+    int mError = 0;
 };
 
 bool OutputFailed()
@@ -65,33 +81,52 @@ bool OutputFailed()
     return output != nullptr && output->error() != 0;
 }
 
-bool LogLines(std::FILE* file, const std::string& name, const Options& options)
+/// Whether what is logged would be read again: a file that is standard output too never ends.
+bool IsOutputToo(int fd)
 {
-    LineBuffer buffer;
-    while (buffer.read(file)) {
-        kyLogObject(options.level, options.subType.empty() ? nullptr : options.subType.c_str(),
-                    options.systemLogName.empty() ? nullptr : options.systemLogName.c_str())
-            << buffer.line();
-        if (OutputFailed())
-            return false;
+    struct ::stat input = {};
+    struct ::stat output = {};
+    return ::fstat(fd, &input) == 0 && ::fstat(STDOUT_FILENO, &output) == 0 &&
+           S_ISREG(input.st_mode) && input.st_dev == output.st_dev && input.st_ino == output.st_ino;
+}
+
+bool LogLines(int fd, const std::string& name, const Options& options)
+{
+    if (!options.quiet && IsOutputToo(fd)) {
+        PrintError("Not logged, because it is standard output too: " + name, EINVAL);
+        return false;
     }
-    const int error = errno;
-    if (std::ferror(file) == 0)
-        return true;
-    PrintError("Cannot read " + name, error);
-    return false;
+    LineReader reader(fd);
+    std::string line;
+    try {
+        while (reader.read(line)) {
+            kyLogObject(options.level, options.subType.empty() ? nullptr : options.subType.c_str(),
+                        options.systemLogName.empty() ? nullptr : options.systemLogName.c_str())
+                << line;
+            if (OutputFailed())
+                return false;
+        }
+    } catch (const std::bad_alloc&) {
+        PrintError("Cannot hold a line of " + name, ENOMEM);
+        return false;
+    }
+    if (reader.error() != 0)
+        PrintError("Cannot read " + name, reader.error());
+    return reader.error() == 0;
 }
 
 bool LogFile(const std::string& path, const Options& options)
 {
     if (path == "-")
-        return LogLines(stdin, "standard input", options);
-    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
-    if (!file) {
+        return LogLines(STDIN_FILENO, "standard input", options);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1) {
         PrintError("Cannot open " + path, errno);
         return false;
     }
-    return LogLines(file.get(), path, options);
+    const bool good = LogLines(fd, path, options);
+    ::close(fd);
+    return good;
 }
 
 int RunLog(const Options& options)
@@ -129,7 +164,8 @@ void AddLog(CLI::App& app, int& exitCode)
         ->type_name("NAME");
     command
         ->add_option("-n,--system-log", options->systemLogName,
-                     "Also send each line to the system log under this name")
+                     "Also send each line, up to its first zero byte, to the system log under this "
+                     "name")
         ->type_name("NAME");
     command->add_flag("-q,--quiet", options->quiet, "No echo to standard output");
     command->callback([options, &exitCode] {

@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 #include <cerrno>
 
@@ -21,7 +22,16 @@ void OccupyStandardDescriptors()
 
 void PrintError(const std::string& message, int error)
 {
-    std::cerr << "ky: " << message << ". " << SystemError(error).toString() << '\n';
+    // In one piece, so that the lines of parallel runs do not mix.
+    std::cerr << "ky: " + message + ". " + SystemError(error).toString() + "\n";
+}
+
+bool WaitWhileBusy(int fd, short events)
+{
+    if (errno != EAGAIN)
+        return false;
+    ::pollfd descriptor = {fd, events, 0};
+    return ::poll(&descriptor, 1, -1) >= 0 || errno == EINTR;
 }
 
 CheckedOutput::CheckedOutput() : mPrevious(std::cout.rdbuf(this)) {}
@@ -44,7 +54,7 @@ std::streamsize CheckedOutput::xsputn(const char* text, std::streamsize size)
     while (written < size) {
         const ssize_t step =
             ::write(STDOUT_FILENO, text + written, static_cast<std::size_t>(size - written));
-        if (step == -1 && errno == EINTR)
+        if (step == -1 && (errno == EINTR || WaitWhileBusy(STDOUT_FILENO, POLLOUT)))
             continue;
         if (step <= 0) {
             if (mError == 0)

@@ -13,6 +13,10 @@ void OccupyStandardDescriptors();
 /// "ky: " + `message` + the text of `error`, on standard error.
 void PrintError(const std::string& message, int error);
 
+/// After a read or write that failed: whether it did only because the descriptor is non-blocking,
+/// in which case it is ready again on return.
+bool WaitWhileBusy(int fd, short events);
+
 /// Standard output that remembers its first failure: takes the place of the buffer of `std::cout`
 /// for its own lifetime and writes through to descriptor 1.
 class CheckedOutput : public std::streambuf {
