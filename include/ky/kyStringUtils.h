@@ -13,9 +13,9 @@
 
 namespace ky {
 
-/// Operations on byte strings (UTF-8 by convention), wide strings and numbers. None depends on the
-/// user's locale except the conversions from and to `CharSetLocal8Bit`. White space and letter
-/// case mean ASCII throughout.
+/// Operations on byte strings (UTF-8 by convention), wide strings and numbers. Only conversions
+/// depend on the user's locale: `CharSetLocal8Bit` is the set of the environment, and the process
+/// locale rules how they transliterate. White space and letter case mean ASCII throughout.
 ///
 /// Any member may be called from any thread, except initialisation and termination: one thread at
 /// a time, and none inside a conversion. Only running out of memory throws, unless said otherwise.
@@ -31,7 +31,8 @@ public:
     kyStringUtils() = delete;
 
     /// Makes the locales and the key of the per-thread converters, and the calling thread's
-    /// converters. False when it has run already or memory is out. May follow a termination.
+    /// converters. False when it has run already or the first allocation fails; a later one throws,
+    /// and `TerminateStringUtils` undoes what was made by then. May follow a termination.
     static bool InitializeStringUtils();
 
     /// Opens the calling thread's converters. Every conversion does so when needed.
@@ -43,19 +44,22 @@ public:
 
     /// Converts with iconv(3) in one call; zero bytes are converted like others. Empty when `from`
     /// equals `to`, when iconv does not know the sets, on an invalid input sequence, when the
-    /// result (with a final zero) is longer than twice the input with its own, and outside
-    /// initialisation: compare with the input's length to tell a failure from an empty text.
+    /// result (with a final zero) is longer than twice the input with its own, outside
+    /// initialisation, and in a signal handler that interrupts a conversion on its own thread.
     ///
     /// What the target cannot hold is transliterated by the rules of the process locale in force
-    /// at the call, or becomes "?": never a failure. A byte order mark before UTF-8 is dropped
-    /// towards US-ASCII. Blocks, for moments, only while a thread opens its converters.
+    /// at the call, becomes "?" or, like a byte order mark towards US-ASCII, is dropped: never a
+    /// failure. So an empty result of a text that is not empty is a failure, unless the target
+    /// lacks characters and all were dropped. Blocks, for moments, only while a thread opens its
+    /// converters.
     static std::string convertCharset(const std::string& text, kyCharSet from, kyCharSet to);
 
     /// As `convertCharset`, to UTF-32 in wide characters; at most as many as `text` has bytes.
     static std::wstring convertToUnicode(const std::string& text, kyCharSet from);
 
     /// As `convertCharset`, from UTF-32; at most eight bytes for each wide character. A surrogate
-    /// becomes "?"; a value above U+10FFFF gives bytes that are not valid UTF-8.
+    /// and a value above 0x7FFFFFFF become "?"; other values above U+10FFFF give bytes that are
+    /// not valid UTF-8.
     static std::string convertTo8Bits(const std::wstring& text, kyCharSet to);
 
     /// Valid UTF-8 comes back unchanged. Other text is taken for the local set or, when it does not
@@ -97,7 +101,8 @@ public:
     static std::string humanizeDuration(const T& milliseconds, int mode, bool appendTotal);
 
     /// The value with at most `maxDecimals` decimals, without exponent. Rounds the shortest decimal
-    /// text that reads back equal, halves away from zero: 2.675 with two decimals is "2.68".
+    /// text that reads back equal, halves away from zero: 2.675 with two decimals is "2.68". Above
+    /// 2^53 the exact integer is written: 1e23 is "99999999999999991611392".
     /// `separator` stands for the decimal point, 0 meaning "."; `keepTrailingZeros` writes exactly
     /// `maxDecimals` decimals; the integer part gets zeros up to `minIntegerDigits`. Never "-0".
     /// "nan", "inf" and "-inf" stand for themselves.

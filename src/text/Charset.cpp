@@ -25,6 +25,8 @@ namespace {
 
 constexpr std::size_t sCharSetCount = 3;
 constexpr std::size_t sScratchKeptBytes = std::size_t{1} << 20;
+// The longest transliteration of one character has eight: U+2057 towards EUC-JP.
+constexpr std::size_t sBytesPerCharacter = 8;
 
 pthread_mutex_t sCodesetMutex = PTHREAD_MUTEX_INITIALIZER;
 // Under the mutex; made once and never freed, so that a thread can still open converters while
@@ -33,15 +35,20 @@ std::string* sCodeset = nullptr;
 
 /// A signal handler that logs may interrupt its own thread here. It must not wait for the mutex
 /// that this thread holds, nor use converters that this thread is using: its conversions fail.
-constinit thread_local volatile std::sig_atomic_t tIsBusy = 0;
-
 class BusyMark {
 public:
-    BusyMark() { tIsBusy = 1; }
-    ~BusyMark() { tIsBusy = 0; }
+    explicit BusyMark(volatile std::sig_atomic_t& isBusy) : mIsBusy(isBusy) { mIsBusy = 1; }
+    ~BusyMark() { mIsBusy = 0; }
     BusyMark(const BusyMark&) = delete;
     BusyMark& operator=(const BusyMark&) = delete;
+
+private:
+    volatile std::sig_atomic_t& mIsBusy;
 };
+
+// Set while the thread holds the mutex. A conversion has a mark of its own, in the context: it is
+// at hand there, and this one costs a call.
+constinit thread_local volatile std::sig_atomic_t tIsLocking = 0;
 
 class CodesetLock {
 public:
@@ -51,7 +58,7 @@ public:
     CodesetLock& operator=(const CodesetLock&) = delete;
 
 private:
-    BusyMark mBusy;
+    const BusyMark mBusy{tIsLocking};
 };
 
 /// iconv_open(3) and newlocale(3) take locks of the C library that fork(2) does not take along. A
@@ -112,25 +119,26 @@ private:
 struct StringUtilsThreadContext {
     explicit StringUtilsThreadContext(const std::string& codeset)
     {
-        const std::string sources[sCharSetCount] = {codeset, "UTF-8", "US-ASCII"};
+        const std::string sets[sCharSetCount] = {codeset, "UTF-8", "US-ASCII"};
         const std::string ending = "//TRANSLIT//IGNORE";
-        for (std::size_t from = 0; from < sCharSetCount; ++from)
-            toWide[from].open("WCHAR_T" + ending, sources[from]);
-        for (std::size_t to = 0; to < sCharSetCount; ++to)
-            fromWide[to].open(sources[to] + ending, "WCHAR_T");
         for (std::size_t from = 0; from < sCharSetCount; ++from) {
+            mToWide[from].open("WCHAR_T" + ending, sets[from]);
+            mFromWide[from].open(sets[from] + ending, "WCHAR_T");
             for (std::size_t to = 0; to < sCharSetCount; ++to) {
-                if (from != to)
-                    pairs[from][to].open(sources[to] + ending, sources[from]);
+                if (from == to)
+                    continue;
+                mPairs[from][to].open(sets[to] + ending, sets[from]);
+                mPairs[from][to].probeAscii();
             }
         }
     }
 
     // By kyCharSet. The pairs of a set with itself are never opened, so they fail.
-    impl::Converter toWide[sCharSetCount];
-    impl::Converter fromWide[sCharSetCount];
-    impl::Converter pairs[sCharSetCount][sCharSetCount];
-    Scratch scratch;
+    impl::Converter mToWide[sCharSetCount];
+    impl::Converter mFromWide[sCharSetCount];
+    impl::Converter mPairs[sCharSetCount][sCharSetCount];
+    Scratch mScratch;
+    volatile std::sig_atomic_t mIsBusy = 0;  // see BusyMark
 };
 
 std::unique_ptr<StringUtilsThreadContext> MakeContext()
@@ -145,7 +153,9 @@ std::unique_ptr<StringUtilsThreadContext> MakeContext()
 }
 
 /// Also the destructor of the thread-specific key: it may run after the termination, and more than
-/// once for a thread that converts in another such destructor.
+/// once for a thread that converts in another such destructor. The mutex and the mark hold even
+/// while the process or the thread shuts down: both are constant-initialised and have trivial
+/// destructors, so they are there before and after everything else.
 void DestroyContext(void* context)
 {
     const CodesetLock lock;
@@ -158,13 +168,15 @@ StringUtilsThreadContext* ContextOfThisThread()
 {
     const pthread_key_t* const key =
         __atomic_load_n(&kyStringUtils::msThreadContent, __ATOMIC_ACQUIRE);
-    if (key == nullptr || tIsBusy != 0)
+    if (key == nullptr)
         return nullptr;
     // A new key never shows what a thread kept under an older one with the same number
     // (pthread_key_create(3p)), so a context of an earlier life is not seen.
     auto* const context = static_cast<StringUtilsThreadContext*>(::pthread_getspecific(*key));
     if (context != nullptr)
-        return context;
+        return context->mIsBusy == 0 ? context : nullptr;
+    if (tIsLocking != 0)
+        return nullptr;
     std::unique_ptr<StringUtilsThreadContext> made = MakeContext();
     if (::pthread_setspecific(*key, made.get()) != 0) {
         DestroyContext(made.release());
@@ -189,8 +201,8 @@ Result ConvertText(StringUtilsThreadContext& context, impl::Converter& converter
                    std::size_t capacity)
 {
     using Unit = typename Result::value_type;
-    const BusyMark busy;
-    wchar_t* const room = context.scratch.provide(capacity);
+    const BusyMark busy(context.mIsBusy);
+    wchar_t* const room = context.mScratch.provide(capacity);
     const std::size_t written =
         converter.convert(reinterpret_cast<const char*>(text.c_str()),
                           (text.size() + 1) * sizeof(typename Text::value_type),
@@ -198,8 +210,22 @@ Result ConvertText(StringUtilsThreadContext& context, impl::Converter& converter
     Result result;
     if (written != impl::Converter::sFailed && written >= sizeof(Unit))
         result.assign(reinterpret_cast<const Unit*>(room), written / sizeof(Unit) - 1);
-    context.scratch.release();
+    context.mScratch.release();
     return result;
+}
+
+/// A set's name without the endings that iconv_open(3) knows.
+std::string_view NameOfSet(std::string_view code)
+{
+    return code.substr(0, code.find('/'));
+}
+
+/// Whether nothing of one text can change how the next one converts. By name, since a probe cannot
+/// find every state (a held-back letter, a byte order mark): sets that are not listed have one.
+bool HasNoState(std::string_view set)
+{
+    return set == "UTF-8" || set == "WCHAR_T" || set == "US-ASCII" || set == "ANSI_X3.4-1968" ||
+           set.starts_with("ISO-8859-");
 }
 
 template <typename T>
@@ -233,7 +259,10 @@ Converter::~Converter()
 void Converter::open(const std::string& targetCode, const std::string& sourceCode)
 {
     mHandle = ::iconv_open(targetCode.c_str(), sourceCode.c_str());
-    mCopiesAscii = probeAscii();
+    const std::string_view target = NameOfSet(targetCode);
+    const std::string_view source = NameOfSet(sourceCode);
+    mCopiesUtf8 = target == "UTF-8" && source == "UTF-8";
+    mKeepsNoState = HasNoState(target) && HasNoState(source);
 }
 
 std::size_t Converter::convert(const char* input, std::size_t inputBytes, char* output,
@@ -241,8 +270,11 @@ std::size_t Converter::convert(const char* input, std::size_t inputBytes, char* 
 {
     if (mHandle == reinterpret_cast<iconv_t>(-1))  // NOLINT(performance-no-int-to-ptr)
         return sFailed;
-    // A call that failed may have left a stateful set in the middle of a shift sequence.
-    ::iconv(mHandle, nullptr, nullptr, nullptr, nullptr);
+    // A stateful set may have been left in a shift or behind its byte order mark, and any set
+    // anywhere by a call that failed.
+    if (!mIsAtStart)
+        ::iconv(mHandle, nullptr, nullptr, nullptr, nullptr);
+    mIsAtStart = false;
     char* in = const_cast<char*>(input);
     char* out = output;
     std::size_t outLeft = outputBytes;
@@ -250,10 +282,11 @@ std::size_t Converter::convert(const char* input, std::size_t inputBytes, char* 
     // ignore ending skipped, and when the room was too small.
     if (::iconv(mHandle, &in, &inputBytes, &out, &outLeft) == sFailed)
         return sFailed;
+    mIsAtStart = mKeepsNoState;
     return outputBytes - outLeft;
 }
 
-bool Converter::probeAscii()
+void Converter::probeAscii()
 {
     // Sets that give an ASCII byte another meaning (the yen of Shift JIS) or start a shift sequence
     // with one (shift-out, "+" of UTF-7, "~" of HZ) change or refuse a text of all 128. The escape
@@ -265,7 +298,7 @@ bool Converter::probeAscii()
     std::array<char, 1024> converted{};
     const std::size_t written =
         convert(ascii.data(), ascii.size(), converted.data(), converted.size());
-    return written != sFailed && ascii == std::string_view(converted.data(), written);
+    mCopiesAscii = written != sFailed && ascii == std::string_view(converted.data(), written);
 }
 
 }  // namespace impl
@@ -306,7 +339,6 @@ bool kyStringUtils::TerminateStringUtils()
     const std::unique_ptr<pthread_key_t> key(Take(msThreadContent));
     if (key != nullptr) {
         DestroyContext(::pthread_getspecific(*key));
-        ::pthread_setspecific(*key, nullptr);
         // kept: contexts of threads that live on are lost with the key; nobody else may close what
         // such a thread could be using.
         ::pthread_key_delete(*key);
@@ -320,8 +352,9 @@ std::string kyStringUtils::convertCharset(const std::string& text, kyCharSet fro
     if (context == nullptr || !IsKnown(from) || !IsKnown(to))
         return {};
     // kept: from a set to itself nothing is copied; there is no such pair, so the result is empty.
-    impl::Converter& converter = context->pairs[Index(from)][Index(to)];
-    if (converter.copiesAscii() && impl::IsAscii(text))
+    impl::Converter& converter = context->mPairs[Index(from)][Index(to)];
+    if ((converter.copiesAscii() && impl::IsAscii(text)) ||
+        (converter.copiesUtf8() && IsUtf8String(text)))
         return text;
     // kept: a text that grows more than twofold gives an empty result, it is not tried again.
     return ConvertText<std::string>(*context, converter, text, 2 * (text.size() + 1));
@@ -332,26 +365,25 @@ std::wstring kyStringUtils::convertToUnicode(const std::string& text, kyCharSet 
     StringUtilsThreadContext* const context = ContextOfThisThread();
     if (context == nullptr || !IsKnown(from))
         return {};
-    return ConvertText<std::wstring>(*context, context->toWide[Index(from)], text,
+    return ConvertText<std::wstring>(*context, context->mToWide[Index(from)], text,
                                      (text.size() + 1) * sizeof(wchar_t));
 }
 
 std::string kyStringUtils::convertTo8Bits(const std::wstring& text, kyCharSet to)
 {
-    // The longest transliteration of one character has seven bytes.
-    constexpr std::size_t bytesPerCharacter = 8;
     StringUtilsThreadContext* const context = ContextOfThisThread();
     if (context == nullptr || !IsKnown(to))
         return {};
-    return ConvertText<std::string>(*context, context->fromWide[Index(to)], text,
-                                    bytesPerCharacter * (text.size() + 1));
+    return ConvertText<std::string>(*context, context->mFromWide[Index(to)], text,
+                                    sBytesPerCharacter * (text.size() + 1));
 }
 
 std::string kyStringUtils::UnknownEncodingToUtf8(const std::string& text, char replacement)
 {
     if (IsUtf8String(text))
         return text;
-    std::string result = convertCharset(text, CharSetLocal8Bit, CharSetUtf8);
+    // By way of wide characters, which have room for texts that grow more than twofold.
+    std::string result = convertTo8Bits(convertToUnicode(text, CharSetLocal8Bit), CharSetUtf8);
     if (!result.empty())
         return result;
     const char safeReplacement = impl::IsAscii({&replacement, 1}) ? replacement : '?';

@@ -31,8 +31,15 @@ public:
     /// Once at most. A failure is lasting: every conversion then fails.
     void open(const std::string& targetCode, const std::string& sourceCode);
 
+    /// Finds out what `copiesAscii` tells.
+    void probeAscii();
+
     /// Whether a text of bytes below 0x80 converts to itself, whatever the order of its bytes.
+    /// False before the probe.
     bool copiesAscii() const { return mCopiesAscii; }
+
+    /// Whether valid UTF-8 converts to itself.
+    bool copiesUtf8() const { return mCopiesUtf8; }
 
     /// Converts in one iconv(3) call from the initial shift state. Returns the bytes written, or
     /// `sFailed` for whatever reason the call has failed.
@@ -42,10 +49,11 @@ public:
     static constexpr std::size_t sFailed = static_cast<std::size_t>(-1);
 
 private:
-    bool probeAscii();
-
     iconv_t mHandle = reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr)
     bool mCopiesAscii = false;
+    bool mCopiesUtf8 = false;
+    bool mKeepsNoState = false;  // between two calls that succeed
+    bool mIsAtStart = false;     // in the initial state, for certain
 };
 
 }  // namespace ky::impl

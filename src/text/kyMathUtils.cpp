@@ -12,8 +12,8 @@ namespace ky {
 namespace {
 
 // 20 digits, 6 separators and the terminator.
-char msDigits[27];
-char msSeparator = 0;  // 0 until the first use
+char sDigits[27];
+char sSeparator = 0;  // 0 until the first use
 
 constexpr __m128 FourTimes(float value) noexcept
 {
@@ -70,14 +70,14 @@ constinit const __m128 kyMathUtils::sSSEInfinity =
 
 std::string kyMathUtils::FormatIntegerSeparator(unsigned long value)
 {
-    if (msSeparator == 0)
-        msSeparator = LocaleSeparator();
-    char* const end = std::end(msDigits) - 1;
+    if (sSeparator == 0)
+        sSeparator = LocaleSeparator();
+    char* const end = std::end(sDigits) - 1;
     char* first = end;
     int index = 0;
     do {
         if (index > 0 && index % 3 == 0)
-            *--first = msSeparator;
+            *--first = sSeparator;
         *--first = static_cast<char>('0' + value % 10);
         value /= 10;
         ++index;

@@ -15,11 +15,11 @@ namespace {
 // draws seeds the one generator of the process anew.
 int DefaultRand(unsigned char* buffer, int length)
 {
-    static std::atomic<std::uint32_t> msNextSeed{0};
-    static thread_local bool msSeeded = false;
-    if (!msSeeded) {
-        std::srand(msNextSeed.fetch_add(1, std::memory_order_relaxed));
-        msSeeded = true;
+    static std::atomic<std::uint32_t> sNextSeed{0};
+    static thread_local bool tIsSeeded = false;
+    if (!tIsSeeded) {
+        std::srand(sNextSeed.fetch_add(1, std::memory_order_relaxed));
+        tIsSeeded = true;
     }
     for (int i = 0; i < length; ++i) {
         // NOLINTNEXTLINE(cert-msc30-c,cert-msc50-cpp,concurrency-mt-unsafe): locked by glibc

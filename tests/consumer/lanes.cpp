@@ -7,30 +7,23 @@
 #include <cstdio>
 #include <cstring>
 
-using ky::kyMathUtils;
+using M = ky::kyMathUtils;
 
 namespace {
 
 struct Mask {
-    const char* name;
     const __m128* mask;
     const char* lanes;  // in memory order, "F" for a lane of set bits
 };
 
 const Mask sMasks[] = {
-    {"sSSE_FF_FF_FF_FF", &kyMathUtils::sSSE_FF_FF_FF_FF, "FFFF"},
-    {"sSSE_0_FF_FF_FF", &kyMathUtils::sSSE_0_FF_FF_FF, "FFF0"},
-    {"sSSE_FF_0_FF_FF", &kyMathUtils::sSSE_FF_0_FF_FF, "FF0F"},
-    {"sSSE_FF_FF_0_FF", &kyMathUtils::sSSE_FF_FF_0_FF, "F0FF"},
-    {"sSSE_FF_FF_FF_0", &kyMathUtils::sSSE_FF_FF_FF_0, "0FFF"},
-    {"sSSE_0_0_0_FF", &kyMathUtils::sSSE_0_0_0_FF, "F000"},
-    {"sSSE_0_0_FF_0", &kyMathUtils::sSSE_0_0_FF_0, "0F00"},
-    {"sSSE_0_FF_0_0", &kyMathUtils::sSSE_0_FF_0_0, "00F0"},
-    {"sSSE_FF_0_0_0", &kyMathUtils::sSSE_FF_0_0_0, "000F"},
-    {"sSSE_FF_FF_0_0", &kyMathUtils::sSSE_FF_FF_0_0, "00FF"},
+    {&M::sSSE_FF_FF_FF_FF, "FFFF"}, {&M::sSSE_0_FF_FF_FF, "FFF0"}, {&M::sSSE_FF_0_FF_FF, "FF0F"},
+    {&M::sSSE_FF_FF_0_FF, "F0FF"},  {&M::sSSE_FF_FF_FF_0, "0FFF"}, {&M::sSSE_0_0_0_FF, "F000"},
+    {&M::sSSE_0_0_FF_0, "0F00"},    {&M::sSSE_0_FF_0_0, "00F0"},   {&M::sSSE_FF_0_0_0, "000F"},
+    {&M::sSSE_FF_FF_0_0, "00FF"},
 };
 
-int faults = 0;
+int sFaults = 0;
 
 void CheckMasks(const char* when, bool filled)
 {
@@ -41,9 +34,9 @@ void CheckMasks(const char* when, bool filled)
             const std::uint32_t expected = filled && mask.lanes[i] == 'F' ? 0xFFFFFFFFu : 0u;
             if (lanes[i] == expected)
                 continue;
-            std::printf("%s, lane %d %s: %08x instead of %08x\n", mask.name, i, when, lanes[i],
-                        expected);
-            ++faults;
+            std::printf("mask %s, lane %d %s: %08x instead of %08x\n", mask.lanes, i, when,
+                        lanes[i], expected);
+            ++sFaults;
         }
     }
 }
@@ -56,26 +49,34 @@ bool AllLanesEqual(__m128 lanes, float value)
 void CheckConstants(const char* when)
 {
     const struct {
-        const char* name;
         __m128 lanes;
         float value;
     } rows[] = {
-        {"sSSEOne", kyMathUtils::sSSEOne, 1.0F},
-        {"sSSEHalf", kyMathUtils::sSSEHalf, 0.5F},
-        {"sSSEPi", kyMathUtils::sSSEPi, 3.14159265358979F},
-        {"sSSETwo / 2", _mm_mul_ps(kyMathUtils::sSSETwo, kyMathUtils::sSSEHalf), 1.0F},
+        {M::sSSEZero, 0.0F},
+        {M::sSSEOne, 1.0F},
+        {M::sSSEMinusOne, -1.0F},
+        {M::sSSETwo, 2.0F},
+        {M::sSSEThree, 3.0F},
+        {M::sSSEFour, 4.0F},
+        {M::sSSEHalf, 0.5F},
+        {M::sSSEQuarter, 0.25F},
+        {M::sSSEPi, 3.14159265358979F},
+        {M::sSSETwoPi, 6.28318530717959F},
+        {M::sSSEHalfPi, 1.57079632679490F},
+        {M::sSSEInvPi, 0.318309886183791F},
+        {M::sSSESqrt2, 1.41421356237310F},
     };
     for (const auto& row : rows) {
         if (AllLanesEqual(row.lanes, row.value))
             continue;
-        std::printf("%s is wrong %s\n", row.name, when);
-        ++faults;
+        std::printf("the constant %g is wrong %s\n", static_cast<double>(row.value), when);
+        ++sFaults;
     }
 }
 
 struct EarlyUser {
     EarlyUser() { CheckConstants("in a static constructor"); }
-} earlyUser;
+} sEarlyUser;
 
 }  // namespace
 
@@ -86,5 +87,5 @@ int main()
     CheckMasks("after initialisation", true);
     CheckConstants("after initialisation");
     ky::terminateKySystem();
-    return faults == 0 ? 0 : 1;
+    return sFaults == 0 ? 0 : 1;
 }
