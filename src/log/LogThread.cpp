@@ -4,8 +4,12 @@
 #include "ky/kySystemUtils.h"
 
 #include "frame/Guard.h"
+#include "log/EntryCache.h"
 #include "log/LogWriter.h"
+#include "text/Charset.h"
 
+#include <algorithm>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -16,6 +20,8 @@ namespace {
 
 constexpr std::size_t sMaxQueuedBytes = 16777216;
 constexpr unsigned long sNoTimeLimit = ~0UL;
+constexpr std::size_t sMostChunks = 1024;  // of 32 entries, from one batch
+constexpr std::size_t sIdleChunks = 32;
 
 constinit thread_local const kyLogThread* tCurrent = nullptr;
 
@@ -65,10 +71,15 @@ bool kyLogThread::isCurrent() const
 void kyLogThread::push(Batch& batch, bool flushNow)
 {
     const std::size_t bytes = batch.front().message.size();
+    const bool wantsEntries = impl::WantsEntries();
     const impl::InsideLog inside;
     kyMutexLocker lock(mMutex, true);
     mQueue.splice(mQueue.end(), batch);
     mQueuedBytes += bytes;
+    if (wantsEntries && !mSpare.empty()) {
+        batch.swap(mSpare.back());
+        mSpare.pop_back();
+    }
     const std::uint64_t ticket = ++mQueuedTicket;
     const bool wait =
         (flushNow || mQueuedBytes > sMaxQueuedBytes) && !mStopRequested && !isCurrent();
@@ -173,6 +184,7 @@ int kyLogThread::run()
 void kyLogThread::waitForWork(kyMutexLocker& lock)
 {
     while (!hasWork() && !mStopRequested) {
+        trimSpare();
         mIdle = true;
         mWork.wait(&mMutex, sNoTimeLimit);
     }
@@ -203,9 +215,15 @@ void kyLogThread::writeRound(kyMutexLocker& lock)
             kyLog::WriteImpl(thread.mWorking, thread.mInWork);
         };
         exception::impl::ExecGuardedCode(write, this);
-        mInWork.clear();
+        recycleWritten();
+        // Rarely there, and before anybody learns that the batch is written: whoever terminates
+        // the library flushes first, and then the converters of other threads are lost.
+        impl::CloseConvertersOfThisThread();
     }
     lock.lock();
+    if (mSpare.size() < sMostChunks)
+        std::move(mCleaned.begin(), mCleaned.end(), std::back_inserter(mSpare));
+    mCleaned.clear();
     mIsWriting.store(false, std::memory_order_relaxed);
     mWrittenTicket = ticket;
     mShared.mPendingNotice = mWorking.mPendingNotice;
@@ -216,6 +234,26 @@ void kyLogThread::writeRound(kyMutexLocker& lock)
     }
     if (mWaiters != 0)
         mFlushed.wakeAll();
+}
+
+/// Without the lock. What producers will hardly need before it is written again is destroyed.
+void kyLogThread::recycleWritten()
+{
+    while (!mInWork.empty() && mCleaned.size() < sMostChunks) {
+        Batch& chunk = mCleaned.emplace_back();
+        auto end = mInWork.begin();
+        for (std::size_t i = 0; i < impl::sEntriesOfAChunk && end != mInWork.end(); ++i, ++end)
+            impl::CleanEntry(*end);
+        chunk.splice(chunk.end(), mInWork, mInWork.begin(), end);
+    }
+    mInWork.clear();
+}
+
+/// With the lock, before a wait without limit: a burst that is over does not hold its memory.
+void kyLogThread::trimSpare()
+{
+    if (mSpare.size() > sIdleChunks)
+        mSpare.resize(sIdleChunks);
 }
 
 bool kyLogThread::lockWithin(unsigned long patienceMs)

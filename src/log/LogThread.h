@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 namespace ky {
 
@@ -72,6 +73,8 @@ private:
     void waitForWork(kyMutexLocker& lock);
     void writeRound(kyMutexLocker& lock);
     void wake();
+    void recycleWritten();
+    void trimSpare();
     void waitUntil(const std::function<bool()>& done);
     bool lockWithin(unsigned long patienceMs);
     bool lockIdleWriter(unsigned long patienceMs);
@@ -91,6 +94,7 @@ private:
     std::uint64_t mConfigured = 0;  // changes made
     std::uint64_t mAdopted = 0;     // changes that the writer works with
     kyLogParameters mShared;
+    std::vector<Batch> mSpare;  // chunks of clean entries for producers
     unsigned int mWaiters = 0;
     bool mIdle = false;
     bool mFlushRequested = false;
@@ -102,6 +106,7 @@ private:
     std::atomic<bool> mIsWriting{false};
     kyLogParameters mWorking;
     Batch mInWork;
+    std::vector<Batch> mCleaned;
 };
 
 }  // namespace ky

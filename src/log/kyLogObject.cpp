@@ -4,6 +4,7 @@
 #include "frame/LogLine.h"
 #include "frame/ThreadId.h"
 #include "frame/Undisturbed.h"
+#include "log/EntryCache.h"
 
 #include <charconv>
 #include <iostream>
@@ -24,7 +25,8 @@ constexpr int sStreamPrecision = 6;
 void kyLogObject::begin(int level, const char* subType, const char* systemLogName)
 {
     const impl::Undisturbed undisturbed;
-    new (&mEntry) std::list<kyLog::LogEntry>(1);
+    new (&mEntry) std::list<kyLog::LogEntry>();
+    impl::TakeEntry(mEntry);
     mActive = true;
     mLog = kyLog::Instance();
     kyLog::LogEntry& entry = mEntry.front();
@@ -59,13 +61,15 @@ void kyLogObject::emit() noexcept
             impl::WriteLine(std::cout, line);
         }
     }
+    // What was not queued has been written; a custom handler may have taken it.
+    impl::KeepEntries(mEntry);
     mEntry.~list();
 }
 
 kyLogObject& kyLogObject::insert(std::string_view text)
 {
     std::string& message = mEntry.front().message;
-    if (!mInserted)
+    if (!mInserted && message.capacity() < sUsualMessageBytes)
         message.reserve(sUsualMessageBytes);
     mInserted = true;
     message.append(text);

@@ -346,6 +346,17 @@ bool kyStringUtils::TerminateStringUtils()
     return true;
 }
 
+void impl::CloseConvertersOfThisThread()
+{
+    const pthread_key_t* const key =
+        __atomic_load_n(&kyStringUtils::msThreadContent, __ATOMIC_ACQUIRE);
+    void* const context = key != nullptr ? ::pthread_getspecific(*key) : nullptr;
+    if (context == nullptr)
+        return;
+    ::pthread_setspecific(*key, nullptr);
+    DestroyContext(context);
+}
+
 std::string kyStringUtils::convertCharset(const std::string& text, kyCharSet from, kyCharSet to)
 {
     StringUtilsThreadContext* const context = ContextOfThisThread();

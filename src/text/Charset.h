@@ -20,6 +20,10 @@ inline bool IsStringUtilsInitialized() noexcept
 /// Empty before the first did.
 std::string GetProcessCodeset();
 
+/// Closes what the calling thread has opened; it opens it anew when it converts again. For a thread
+/// that outlives the string utilities, whose converters nobody else could close.
+void CloseConvertersOfThisThread();
+
 /// One iconv handle. For one thread at a time.
 class Converter {
 public:
