@@ -162,7 +162,7 @@ private:
 
     static constexpr std::size_t sLevelCount = 6;
 
-    void writeBatch(std::list<LogEntry>& batch, bool flushNow);
+    bool writeBatch(std::list<LogEntry>& batch, bool flushNow);
 
     void configure(const std::function<void(kyLogParameters&)>& change);
     void writeFromCrash(std::string_view text);

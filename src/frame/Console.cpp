@@ -41,6 +41,9 @@ void WriteAll(int fd, std::string_view text)
 
 void WriteThroughStream(std::ostream& stream, const std::string& line)
 {
+    if (tIsWriting)
+        return;
+    const WritingMark mark;
     const auto exceptions = stream.exceptions();
     const auto state = stream.rdstate();
     stream.exceptions(std::ios_base::goodbit);
@@ -63,9 +66,6 @@ void WriteThroughStream(std::ostream& stream, const std::string& line)
 
 void WriteLine(std::ostream& stream, std::string& line)
 {
-    if (tIsWriting)
-        return;
-    const WritingMark mark;
     line.push_back('\n');
     // The stream as the process got it hands its text to stdio, which forgets it when a signal
     // interrupts the write or a non-blocking reader is slow, and writes it twice when the process

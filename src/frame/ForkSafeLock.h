@@ -17,6 +17,9 @@ public:
     ForkSafeLock(const ForkSafeLock&) = delete;
     ForkSafeLock& operator=(const ForkSafeLock&) = delete;
 
+    /// Whether the calling thread holds it, as in a signal handler that has interrupted it there.
+    static bool IsHeldHere() noexcept { return tDepth != 0; }
+
     static void Take()
     {
         if (tDepth++ == 0)

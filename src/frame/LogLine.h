@@ -35,4 +35,8 @@ void CutToSystemLogSize(std::string& textUtf8);
 /// means.
 void SendToSystemLog(int level, const std::string& localText);
 
+/// The same for a crash handler, which may have interrupted syslog(3) itself: by our own means and
+/// without waiting. A daemon that does not read misses the line.
+void SendToSystemLogFromCrash(int level, const std::string& localText);
+
 }  // namespace ky::impl

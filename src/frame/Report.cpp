@@ -25,7 +25,10 @@ public:
     ReportingMark& operator=(const ReportingMark&) = delete;
 };
 
-void WriteWithoutLog(int level, const char* systemLogName, std::string_view text)
+using SystemLogSender = void (*)(int level, const std::string& localText);
+
+void WriteWithoutLog(int level, const char* systemLogName, std::string_view text,
+                     SystemLogSender send = &SendToSystemLog)
 {
     const std::string time = FormatTime(::time(nullptr), sLogTimeFormat, true);
     std::string line;
@@ -38,7 +41,7 @@ void WriteWithoutLog(int level, const char* systemLogName, std::string_view text
         return WriteLine(std::cout, line);
     CutToSystemLogSize(line);
     WriteLine(std::cerr, line);
-    SendToSystemLog(level, line);
+    send(level, line);
 }
 
 }  // namespace
@@ -74,7 +77,7 @@ void ReportFromCrash(std::string_view text)
     if (const CrashSink sink = sCrashSink.load(std::memory_order_acquire))
         sink(text);
     else
-        WriteWithoutLog(ReportLevel::Critical, "kySystem", text);
+        WriteWithoutLog(ReportLevel::Critical, "kySystem", text, &SendToSystemLogFromCrash);
 }
 
 }  // namespace ky::impl

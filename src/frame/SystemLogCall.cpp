@@ -64,16 +64,23 @@ private:
     bool mIsHeld[STDERR_FILENO + 1] = {};
 };
 
+int Priority(int level)
+{
+    constexpr int warning = 4;
+    constexpr int critical = 5;
+    return level == warning ? LOG_WARNING : level == critical ? LOG_CRIT : LOG_INFO;
+}
+
 /// What syslog(3) would send, over a socket of our own.
-void SendDatagram(int priority, const std::string& localText)
+void SendDatagram(int level, const std::string& localText, int flags)
 {
     const ScopedFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const sockaddr_un address = {AF_UNIX, "/dev/log"};
-    const std::string datagram = "<" + std::to_string(LOG_USER | priority) + ">" +
+    const std::string datagram = "<" + std::to_string(LOG_USER | Priority(level)) + ">" +
                                  FormatTime(::time(nullptr), "%b %e %T", true) + " " +
                                  ::program_invocation_short_name + ": " + localText.c_str();
     static_cast<void>(RetryOnEintr([&] {
-        return ::sendto(socket.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
+        return ::sendto(socket.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL | flags,
                         reinterpret_cast<const sockaddr*>(&address), sizeof address);
     }));
 }
@@ -82,14 +89,16 @@ void SendDatagram(int priority, const std::string& localText)
 
 void SendToSystemLog(int level, const std::string& localText)
 {
-    constexpr int warning = 4;
-    constexpr int critical = 5;
-    const int priority = level == warning ? LOG_WARNING : level == critical ? LOG_CRIT : LOG_INFO;
     if (sIsLockLost.load(std::memory_order_relaxed))
-        return SendDatagram(priority, localText);
+        return SendDatagram(level, localText, 0);
     const Caller caller;
     const StandardNumbersHeld held;
-    ::syslog(priority, "%s", localText.c_str());
+    ::syslog(Priority(level), "%s", localText.c_str());
+}
+
+void SendToSystemLogFromCrash(int level, const std::string& localText)
+{
+    SendDatagram(level, localText, MSG_DONTWAIT);
 }
 
 }  // namespace ky::impl

@@ -29,6 +29,8 @@ std::string FormatTime(long seconds, const char* format, bool localTime)
 {
     const std::time_t time = seconds;
     std::tm fields{};
+    if (ZoneLock::IsHeldHere())
+        return {};
     const ZoneLock lock;
     if ((localTime ? ::localtime_r(&time, &fields) : ::gmtime_r(&time, &fields)) == nullptr)
         return {};

@@ -62,13 +62,17 @@ void TakeEntry(Entries& entries)
         entries.emplace_back();
 }
 
-void KeepEntries(Entries& entries)
+void KeepEntries(Entries& entries, bool areClean)
 {
+    if (entries.empty())
+        return;
     Entries* const own = Own();
     if (own == nullptr || own->size() + entries.size() > sEntriesOfAChunk)
         return entries.clear();
-    for (kyLog::LogEntry& entry : entries)
-        CleanEntry(entry);
+    if (!areClean) {
+        for (kyLog::LogEntry& entry : entries)
+            CleanEntry(entry);
+    }
     own->splice(own->end(), entries);
 }
 

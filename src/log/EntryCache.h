@@ -17,8 +17,9 @@ constexpr std::size_t sEntriesOfAChunk = 32;
 /// Puts a clean entry into the empty `entries`: one of the calling thread's own, else a new one.
 void TakeEntry(Entries& entries);
 
-/// Makes `entries` clean and the calling thread's own, as far as it keeps them; destroys the rest.
-void KeepEntries(Entries& entries);
+/// Makes `entries`, cleaned unless they are, the calling thread's own, or destroys them when it has
+/// enough.
+void KeepEntries(Entries& entries, bool areClean);
 
 /// Whether the calling thread has none of its own and can take a chunk.
 bool WantsEntries() noexcept;

@@ -19,11 +19,16 @@ namespace ky {
 namespace {
 
 constexpr std::size_t sMaxQueuedBytes = 16777216;
-constexpr unsigned long sNoTimeLimit = ~0UL;
+constexpr int sGapLevel = std::numeric_limits<int>::min();
 constexpr std::size_t sMostChunks = 1024;  // of 32 entries, from one batch
 constexpr std::size_t sIdleChunks = 32;
 
 constinit thread_local const kyLogThread* tCurrent = nullptr;
+
+bool IsGap(const kyLog::LogEntry& entry)
+{
+    return entry.level == sGapLevel && entry.timeMs == 0 && entry.message.empty();
+}
 
 void Nap(long microseconds)
 {
@@ -68,12 +73,14 @@ bool kyLogThread::isCurrent() const
     return tCurrent == this;
 }
 
-void kyLogThread::push(Batch& batch, bool flushNow)
+bool kyLogThread::push(Batch& batch, bool flushNow)
 {
     const std::size_t bytes = batch.front().message.size();
     const bool wantsEntries = impl::WantsEntries();
     const impl::InsideLog inside;
     kyMutexLocker lock(mMutex, true);
+    if (mEnded)
+        return false;
     mQueue.splice(mQueue.end(), batch);
     mQueuedBytes += bytes;
     if (wantsEntries && !mSpare.empty()) {
@@ -81,20 +88,13 @@ void kyLogThread::push(Batch& batch, bool flushNow)
         mSpare.pop_back();
     }
     const std::uint64_t ticket = ++mQueuedTicket;
-    const bool wait =
-        (flushNow || mQueuedBytes > sMaxQueuedBytes) && !mStopRequested && !isCurrent();
+    const bool wait = (flushNow || mQueuedBytes > sMaxQueuedBytes) && !mStopRequested;
     mFlushRequested = mFlushRequested || wait;
     // The thread is woken once, by the first who finds it asleep: waking costs more than the rest.
-    const bool asleep = std::exchange(mIdle, false);
-    if (wait) {
-        if (asleep)
-            mWork.wakeAll();
+    wake();
+    if (wait)
         waitUntil([&] { return mWrittenTicket >= ticket; });
-        return;
-    }
-    lock.unlock();
-    if (asleep)
-        mWork.wakeAll();
+    return true;
 }
 
 void kyLogThread::flush()
@@ -122,13 +122,18 @@ void kyLogThread::configure(kyLogParameters& parameters,
         waitUntil([&] { return mAdopted == mConfigured; });
     parameters = mShared;
     change(parameters);
-    if (parameters == mShared)
+    if (parameters == mShared) {
+        // A handler that has just removed itself may still run.
+        if (!isCurrent())
+            waitUntil([&] { return !mChangedByHandler; });
         return;
+    }
     mShared = parameters;
     if (isCurrent()) {
         // A custom handler that removes itself must not be called again, not even for what was
         // queued before.
-        change(mWorking);
+        mChangedByHandler = true;
+        adoptShared();
         return;
     }
     mBeforeChange.splice(mBeforeChange.end(), mQueue);
@@ -140,9 +145,21 @@ void kyLogThread::configure(kyLogParameters& parameters,
     waitUntil([&] { return mAdopted >= made; });
 }
 
-void kyLogThread::writeNested(Batch& batch)
+/// What the writer has to say about itself stays its own.
+void kyLogThread::adoptShared()
 {
-    kyLog::WriteImpl(mWorking, batch);
+    std::string notice = std::move(mWorking.mPendingNotice);
+    mWorking = mShared;
+    mWorking.mPendingNotice.insert(0, notice);
+    mShared.mPendingNotice.clear();
+}
+
+void kyLogThread::writeOwn(Batch& batch)
+{
+    if (impl::IsHandlerRunning())
+        kyLog::WriteImpl(mWorking, batch);
+    else
+        impl::WriteWithoutHandler(mWorking, batch);
 }
 
 bool kyLogThread::hasWork() const
@@ -160,13 +177,32 @@ void kyLogThread::waitUntil(const std::function<bool()>& done)
 {
     ++mWaiters;
     while (!done() && !mEnded)
-        mFlushed.wait(&mMutex, sNoTimeLimit);
+        mFlushed.wait(mMutex);
     --mWaiters;
 }
+
+/// However the thread ends, pthread_exit(3) in a custom handler included, nobody waits for it.
+class kyLogThread::Ending {
+public:
+    explicit Ending(kyLogThread& thread) : mThread(thread) {}
+    ~Ending()
+    {
+        const kyMutexLocker lock(mThread.mMutex, true);
+        mThread.mEnded = true;
+        mThread.mIsWriting.store(false, std::memory_order_relaxed);
+        mThread.mFlushed.wakeAll();
+    }
+    Ending(const Ending&) = delete;
+    Ending& operator=(const Ending&) = delete;
+
+private:
+    kyLogThread& mThread;
+};
 
 int kyLogThread::run()
 {
     tCurrent = this;
+    const Ending ending(*this);
     // Nobody could go on without this thread: a crash on it ends the process.
     const impl::ScopedCrashThrowBan ban;
     kyMutexLocker lock(mMutex, true);
@@ -176,8 +212,6 @@ int kyLogThread::run()
         else
             waitForWork(lock);
     }
-    mEnded = true;
-    mFlushed.wakeAll();
     return 0;
 }
 
@@ -186,7 +220,7 @@ void kyLogThread::waitForWork(kyMutexLocker& lock)
     while (!hasWork() && !mStopRequested) {
         trimSpare();
         mIdle = true;
-        mWork.wait(&mMutex, sNoTimeLimit);
+        mWork.wait(mMutex);
     }
     mIdle = false;
     if (mFlushRequested)
@@ -208,6 +242,8 @@ void kyLogThread::writeRound(kyMutexLocker& lock)
     if (!changing)
         mQueuedBytes = 0;
     mIsWriting.store(true, std::memory_order_relaxed);
+    if (std::exchange(mHasGaps, false))
+        mInWork.remove_if(&IsGap);
     lock.unlock();
     if (!mInWork.empty()) {
         const auto write = [](void* self) {
@@ -226,14 +262,19 @@ void kyLogThread::writeRound(kyMutexLocker& lock)
     mCleaned.clear();
     mIsWriting.store(false, std::memory_order_relaxed);
     mWrittenTicket = ticket;
-    mShared.mPendingNotice = mWorking.mPendingNotice;
+    mChangedByHandler = false;
     mFlushRequested = mFlushRequested && hasWork();
     if (changing && changesSeen == mConfigured) {
-        mWorking = mShared;
+        adoptShared();
         mAdopted = mConfigured;
     }
     if (mWaiters != 0)
         mFlushed.wakeAll();
+    while (mPauseRequested.load(std::memory_order_relaxed)) {
+        lock.unlock();
+        Nap(200);
+        lock.lock();
+    }
 }
 
 /// Without the lock. What producers will hardly need before it is written again is destroyed.
@@ -294,6 +335,7 @@ bool kyLogThread::flushWhileItGoesOn(unsigned long patienceMs)
 
 bool kyLogThread::lockIdleWriter(unsigned long patienceMs)
 {
+    mPauseRequested.store(true, std::memory_order_relaxed);
     Patience patience(patienceMs);
     unsigned long progress = impl::WriterProgress();
     while (lockWithin(patienceMs)) {
@@ -321,12 +363,14 @@ bool kyLogThread::writeFromCrash(Batch& batch, unsigned long patienceMs)
         return true;
     }
     if (impl::InsideLog::IsActive()) {
-        if (!lockIdleWriter(patienceMs))
-            return false;
-        kyLog::WriteImpl(mWorking, batch);
-        writeRestHere();
-        mMutex.unlock();
-        return true;
+        const bool isLocked = lockIdleWriter(patienceMs);
+        if (isLocked) {
+            kyLog::WriteImpl(mWorking, batch);
+            writeRestHere();
+            mMutex.unlock();
+        }
+        mPauseRequested.store(false, std::memory_order_relaxed);
+        return isLocked;
     }
     if (!lockWithin(patienceMs))
         return false;
@@ -341,11 +385,15 @@ void kyLogThread::writeRestHere()
 {
     for (Batch* const queue : {&mBeforeChange, &mQueue}) {
         // Only forward pointers are followed and nothing is unlinked: the crash may have hit in
-        // the middle of an insertion at the end.
+        // the middle of an insertion at the end. The gaps go when the log goes on.
         Batch rest;
-        for (kyLog::LogEntry& entry : *queue)
-            if (entry.level != kyLog::Suppressed)
-                rest.push_back(std::exchange(entry, kyLog::LogEntry()));
+        for (kyLog::LogEntry& entry : *queue) {
+            if (IsGap(entry))
+                continue;
+            rest.push_back(std::exchange(entry, kyLog::LogEntry()));
+            entry.level = sGapLevel;
+            mHasGaps = true;
+        }
         if (!rest.empty())
             kyLog::WriteImpl(mWorking, rest);
     }

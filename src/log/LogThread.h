@@ -3,8 +3,8 @@
 #include "ky/kyLog.h"
 #include "ky/kyMutex.h"
 #include "ky/kyThread.h"
-#include "ky/kyWaitCondition.h"
 
+#include "log/Event.h"
 #include "log/LogParameters.h"
 
 #include <atomic>
@@ -25,9 +25,10 @@ public:
     /// Writes what is queued, then ends the thread.
     ~kyLogThread() override;
 
-    /// Queues the only entry of `batch`. Waits until it is written when `flushNow` is set or more
-    /// than 16 MiB of messages are queued, unless the thread is stopping.
-    void push(std::list<kyLog::LogEntry>& batch, bool flushNow);
+    /// Queues the only entry of `batch`, which comes back with clean entries or none. Waits until
+    /// it is written when `flushNow` is set or more than 16 MiB of messages are queued, unless the
+    /// thread is stopping. False, with the entry still in `batch`, when the thread has ended.
+    bool push(std::list<kyLog::LogEntry>& batch, bool flushNow);
 
     /// Waits until everything queued before the call is written. Not on the log thread itself, nor
     /// while it is stopping.
@@ -46,8 +47,9 @@ public:
     /// whatever another thread held at the fork is held for ever.
     using kyThread::isInherited;
 
-    /// Writes, on the log thread itself, what a custom handler logs there.
-    void writeNested(std::list<kyLog::LogEntry>& batch);
+    /// Writes what the log thread itself logs: from a custom handler, as the writer does with
+    /// nested entries; otherwise to all sinks but the handler, which would be called without end.
+    void writeOwn(std::list<kyLog::LogEntry>& batch);
 
     /// Waits until everything queued before the call is written, as long as the writer writes at
     /// least something every `patienceMs` milliseconds. Tells whether it is written.
@@ -69,7 +71,10 @@ protected:
 private:
     using Batch = std::list<kyLog::LogEntry>;
 
+    class Ending;
+
     bool hasWork() const;
+    void adoptShared();
     void waitForWork(kyMutexLocker& lock);
     void writeRound(kyMutexLocker& lock);
     void wake();
@@ -81,8 +86,8 @@ private:
     void writeRestHere();
 
     kyMutex mMutex;
-    kyWaitCondition mWork;
-    kyWaitCondition mFlushed;
+    impl::Event mWork;
+    impl::Event mFlushed;
 
     // All under mMutex.
     Batch mQueue;
@@ -96,6 +101,8 @@ private:
     kyLogParameters mShared;
     std::vector<Batch> mSpare;  // chunks of clean entries for producers
     unsigned int mWaiters = 0;
+    bool mHasGaps = false;  // a crash handler has written entries that are still in a queue
+    bool mChangedByHandler = false;  // in the round that is being written
     bool mIdle = false;
     bool mFlushRequested = false;
     bool mStopRequested = false;
@@ -104,6 +111,8 @@ private:
     // True while the thread writes without the lock, and mWorking is its own. Read by a crash
     // handler that must not share the custom handler with it.
     std::atomic<bool> mIsWriting{false};
+    // Set by a crash handler that needs the lock between two rounds.
+    std::atomic<bool> mPauseRequested{false};
     kyLogParameters mWorking;
     Batch mInWork;
     std::vector<Batch> mCleaned;

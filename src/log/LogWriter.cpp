@@ -148,6 +148,12 @@ bool impl::IsHandlerRunning() noexcept
     return tHandlerRuns;
 }
 
+void impl::WriteWithoutHandler(kyLogParameters& parameters, std::list<kyLog::LogEntry>& batch)
+{
+    const HandlerScope noHandler(nullptr);
+    kyLog::WriteImpl(parameters, batch);
+}
+
 unsigned long impl::WriterProgress() noexcept
 {
     return sProgress.load(std::memory_order_relaxed);

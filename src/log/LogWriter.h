@@ -22,6 +22,9 @@ private:
 /// Whether a custom handler runs on the calling thread.
 bool IsHandlerRunning() noexcept;
 
+/// `kyLog::WriteImpl` to all sinks but the custom handler.
+void WriteWithoutHandler(kyLogParameters& parameters, std::list<kyLog::LogEntry>& batch);
+
 /// Grows with every entry written and every batch handed over, whoever did it.
 unsigned long WriterProgress() noexcept;
 

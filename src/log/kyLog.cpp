@@ -184,19 +184,26 @@ void kyLog::Write(LogEntry& entry, bool flushNow)
     writeBatch(batch, flushNow);
 }
 
-void kyLog::writeBatch(std::list<LogEntry>& batch, bool flushNow)
+bool kyLog::writeBatch(std::list<LogEntry>& batch, bool flushNow)
 {
-    if (!mThread)
-        return WriteImpl(*mParameters, batch);
-    if (mThread->isInherited()) {
-        const ChildLock lock;
-        return WriteImpl(*mParameters, batch);
+    if (!mThread) {
+        WriteImpl(*mParameters, batch);
+        return false;
     }
-    if (mThread->isCurrent() && impl::IsHandlerRunning())
-        return mThread->writeNested(batch);
-    mThread->push(batch, flushNow);
-    if (sExiting.load(std::memory_order_relaxed))
-        mThread->flushWhileItGoesOn(sPatienceMs);
+    if (!mThread->isInherited()) {
+        if (mThread->isCurrent()) {
+            mThread->writeOwn(batch);
+            return false;
+        }
+        if (mThread->push(batch, flushNow)) {
+            if (sExiting.load(std::memory_order_relaxed))
+                mThread->flushWhileItGoesOn(sPatienceMs);
+            return true;
+        }
+    }
+    const ChildLock lock;
+    WriteImpl(*mParameters, batch);
+    return false;
 }
 
 void kyLog::ReportFromCrash(std::string_view text)
@@ -218,18 +225,22 @@ void kyLog::writeFromCrash(std::string_view text)
     entry.computeLogPrefix(true);
     const LogEntry forSystemLog = entry;
 
-    // A log that was stuck once is not waited for again: the report has many lines.
-    static constinit std::atomic<bool> sStuck{false};
+    // A log that is stuck is not waited for once more by every line of the same report.
+    constexpr unsigned long reportMs = 4000;
+    static constinit std::atomic<unsigned long> sStuckSinceMs{0};
+    const unsigned long now = kySystemUtils::GetTimeBaseMs();
+    const unsigned long stuckSince = sStuckSinceMs.load(std::memory_order_relaxed);
+    const bool isStuck = stuckSince != 0 && now - stuckSince < reportMs;
     if (!mThread || mThread->isInherited()) {
         WriteImpl(*mParameters, batch);
-    } else if (sStuck.load(std::memory_order_relaxed) ||
-               !mThread->writeFromCrash(batch, sPatienceMs)) {
-        sStuck.store(true, std::memory_order_relaxed);
+    } else if (isStuck || !mThread->writeFromCrash(batch, sPatienceMs)) {
+        if (!isStuck)
+            sStuckSinceMs.store(kySystemUtils::GetTimeBaseMs(), std::memory_order_relaxed);
         std::string line = impl::LineWithRoom(forSystemLog.prefix, forSystemLog.message);
-        impl::WriteLine(std::cout, line);
+        impl::WriteLine(mParameters->echoesToConsole() ? std::cout : std::cerr, line);
     }
-    // Last, because a daemon that does not read makes it wait without limit.
-    WriteToSystemLog(forSystemLog, false);
+    impl::SendToSystemLogFromCrash(Critical,
+                                   "kySystem : " + forSystemLog.prefix + forSystemLog.message);
 }
 
 void kyLog::FlushAtExit()
@@ -256,9 +267,10 @@ void kyLog::RegisterProcessHooks()
     // parent's locks ever again.
     static_cast<void>(::pthread_atfork(
         [] {
-            sLocked = threadOfLog();
-            if (sLocked != nullptr)
-                sLocked->lockForFork();
+            kyLogThread* const thread = threadOfLog();
+            if (thread != nullptr)
+                thread->lockForFork();
+            sLocked = thread;
             ChildLock::Take();
         },
         [] {

@@ -44,6 +44,7 @@ void kyLogObject::emit() noexcept
 {
     const impl::Undisturbed undisturbed;
     mActive = false;
+    bool isQueued = false;
     if (mInserted) {
         kyLog::LogEntry& entry = mEntry.front();
         if (mLog != kyLog::Instance())
@@ -55,14 +56,14 @@ void kyLogObject::emit() noexcept
         if (toSystemLog)
             kyLog::WriteToSystemLog(entry, mLog == nullptr);
         if (mLog != nullptr) {
-            mLog->writeBatch(mEntry, mFlushNow);
+            isQueued = mLog->writeBatch(mEntry, mFlushNow);
         } else if (!toSystemLog) {
             std::string line = impl::LineWithRoom(entry.prefix, entry.message);
             impl::WriteLine(std::cout, line);
         }
     }
-    // What was not queued has been written; a custom handler may have taken it.
-    impl::KeepEntries(mEntry);
+    // Written, taken by a custom handler, or exchanged for clean ones by the queue.
+    impl::KeepEntries(mEntry, isQueued);
     mEntry.~list();
 }
 

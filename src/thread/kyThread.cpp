@@ -173,6 +173,9 @@ void kyThread::launch(const char* systemName, const char* label, bool isLibraryT
         this, mCell.get(), isLibraryThread, tCreationMask.isKnown, impl::LaunchSignalMask(), {}};
     std::string_view(systemName).copy(start.systemName, sSystemNameBytes - 1);
 
+    // Room for the label before there is a thread, for nothing may fail afterwards.
+    constexpr std::size_t idBytes = 32;
+    mLabel.reserve(std::string_view(label).size() + idBytes);
     mIsRunning.store(true, std::memory_order_relaxed);
     try {
         // Blocked here, for no signal must find the new thread without its mask.

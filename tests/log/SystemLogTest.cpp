@@ -7,9 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <csignal>
 #include <future>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <sched.h>
@@ -147,6 +149,33 @@ TEST(SystemLog, IsReachedFromAChildForkedWhileItWasBusy)
         ::waitpid(child, &status, 0);
         EXPECT_EQ(status, 0);
         ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+    });
+}
+
+TEST(SystemLog, IsLeftByAThreadThatASignalInterruptsThere)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer has handlers of its own";
+#endif
+    ExpectInOwnNamespace([](SystemLogSocket& socket) {
+        ::alarm(60);
+        ky::initializeKySystem(ky::InitType::Full, false);
+        kyLog::Instance()->setEchoToConsole(false);
+        std::atomic<bool> isDone = false;
+        std::promise<std::string> id;
+        std::thread stuck([&] {
+            id.set_value(ky::kyThread::CurrentThreadId());
+            for (int i = 0; i < 50; ++i)
+                kyLogObject(kyLog::Info, nullptr, "stuck") << std::string(16000, 'x');
+            isDone = true;
+        });
+        // Nobody reads: it sleeps inside syslog(3). SIGURG is reported and the process goes on.
+        ky::test::WaitUntilAsleep(id.get_future().get());
+        ::pthread_kill(stuck.native_handle(), SIGURG);
+        while (!isDone)
+            socket.receive();
+        stuck.join();
+        ky::terminateKySystem();
     });
 }
 
