@@ -78,7 +78,8 @@ void SendDatagram(int level, const std::string& localText, int flags)
     const sockaddr_un address = {AF_UNIX, "/dev/log"};
     const std::string datagram = "<" + std::to_string(LOG_USER | Priority(level)) + ">" +
                                  FormatTime(::time(nullptr), "%b %e %T", true) + " " +
-                                 ::program_invocation_short_name + ": " + localText.c_str();
+                                 ::program_invocation_short_name + ": " +
+                                 localText.substr(0, localText.find('\0'));
     static_cast<void>(RetryOnEintr([&] {
         return ::sendto(socket.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL | flags,
                         reinterpret_cast<const sockaddr*>(&address), sizeof address);

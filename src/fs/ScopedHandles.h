@@ -69,7 +69,7 @@ private:
 };
 
 struct HandleCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
 };
 using ScopedFile = std::unique_ptr<std::FILE, HandleCloser>;
 
