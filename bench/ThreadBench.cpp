@@ -115,4 +115,12 @@ void StartAndJoin(benchmark::State& state)
 }
 BENCHMARK(StartAndJoin)->UseManualTime();
 
+/// The full level up and down again.
+void InitializeAndTerminate(benchmark::State& state)
+{
+    for (auto _ : state)
+        const Library library;
+}
+BENCHMARK(InitializeAndTerminate)->UseRealTime();
+
 }  // namespace

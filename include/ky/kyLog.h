@@ -206,7 +206,13 @@ public:
     kyLogObject& operator=(const kyLogObject&) = delete;
 
     /// Null prints "[NullPtr]".
-    kyLogObject& operator<<(const char* text) { return mActive ? insertText(text) : *this; }
+    kyLogObject& operator<<(const char* text)
+    {
+        // Inline, so that the length of a literal is known when it is compiled.
+        if (!mActive)
+            return *this;
+        return insert(text != nullptr ? std::string_view(text) : "[NullPtr]");
+    }
     kyLogObject& operator<<(const signed char* text)
     {
         return *this << reinterpret_cast<const char*>(text);
@@ -271,7 +277,6 @@ private:
     void begin(int level, const char* subType, const char* systemLogName);
     void emit() noexcept;
     kyLogObject& insert(std::string_view text);
-    kyLogObject& insertText(const char* text);
     kyLogObject& insertCharacter(char value);
     kyLogObject& insertAddress(const volatile void* address);
     kyLogObject& insertNumber(long value);

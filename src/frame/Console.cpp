@@ -39,7 +39,7 @@ void WriteAll(int fd, std::string_view text)
     }
 }
 
-void WriteThroughStream(std::ostream& stream, const std::string& line)
+void WriteThroughStream(std::ostream& stream, std::string_view line)
 {
     if (tIsWriting)
         return;
@@ -62,23 +62,33 @@ void WriteThroughStream(std::ostream& stream, const std::string& line)
     }
 }
 
+/// The stream as the process got it hands its text to stdio, which forgets it when a signal
+/// interrupts the write or a non-blocking reader is slow, and writes it twice when the process
+/// forks meanwhile. What the host left in that buffer goes first.
+void Write(std::ostream& stream, std::string_view text)
+{
+    auto* const standard = dynamic_cast<__gnu_cxx::stdio_sync_filebuf<char>*>(stream.rdbuf());
+    if (standard == nullptr)
+        return WriteThroughStream(stream, text);
+    std::FILE* const file = standard->file();
+    static_cast<void>(std::fflush(file));
+    WriteAll(::fileno(file), text);
+}
+
 }  // namespace
 
 void WriteLine(std::ostream& stream, std::string& line)
 {
     line.push_back('\n');
-    // The stream as the process got it hands its text to stdio, which forgets it when a signal
-    // interrupts the write or a non-blocking reader is slow, and writes it twice when the process
-    // forks meanwhile. What the host left in that buffer goes first.
-    auto* const standard = dynamic_cast<__gnu_cxx::stdio_sync_filebuf<char>*>(stream.rdbuf());
-    if (standard == nullptr) {
-        WriteThroughStream(stream, line);
-    } else {
-        std::FILE* const file = standard->file();
-        static_cast<void>(std::fflush(file));
-        WriteAll(::fileno(file), line);
-    }
+    Write(stream, line);
     line.pop_back();
+}
+
+void WriteLineInPieces(std::ostream& stream, const std::string& prefix, const std::string& message)
+{
+    for (const std::string_view piece :
+         {std::string_view(prefix), std::string_view(message), std::string_view("\n")})
+        Write(stream, piece);
 }
 
 }  // namespace ky::impl

@@ -26,6 +26,9 @@ std::string LineWithRoom(const std::string& prefix, const std::string& message);
 /// stream's own buffer asks for it while it takes another line.
 void WriteLine(std::ostream& stream, std::string& line);
 
+/// The same without memory for the whole line; other writers may come between the pieces.
+void WriteLineInPieces(std::ostream& stream, const std::string& prefix, const std::string& message);
+
 /// Cuts to the 16384 bytes that a system-log message may have, back to a whole UTF-8 code point.
 void CutToSystemLogSize(std::string& textUtf8);
 

@@ -1,5 +1,7 @@
 #include "log/EntryCache.h"
 
+#include "frame/SignalStack.h"
+
 #include <memory>
 #include <new>
 
@@ -12,14 +14,20 @@ constexpr std::size_t sKeptTextBytes = 512;
 
 // The thread's own entries. Not a thread-local list, because whoever logs after its destructor
 // would find it destroyed: the key's destructor comes after all of those, and leaves a mark.
-constinit thread_local Entries* tOwn = nullptr;
+struct ThreadsOwn {
+    Entries entries;
+    // A thread that logs is one whose crash is to be reported, a stack overflow too.
+    impl::ScopedSignalStack signalStack;
+};
+
+constinit thread_local ThreadsOwn* tOwn = nullptr;
 constinit thread_local bool tHasEnded = false;
 
 void EndThread(void* own)
 {
     tOwn = nullptr;
     tHasEnded = true;
-    delete static_cast<Entries*>(own);
+    delete static_cast<ThreadsOwn*>(own);
 }
 
 pthread_key_t EndKey()
@@ -34,15 +42,17 @@ pthread_key_t EndKey()
 /// Null where the thread may keep nothing.
 Entries* Own()
 {
-    if (tOwn != nullptr || tHasEnded)
-        return tOwn;
-    auto made = std::make_unique<Entries>();
+    if (tOwn != nullptr)
+        return &tOwn->entries;
+    if (tHasEnded)
+        return nullptr;
+    auto made = std::make_unique<ThreadsOwn>();
     if (::pthread_setspecific(EndKey(), made.get()) != 0) {
         tHasEnded = true;
         return nullptr;
     }
     tOwn = made.release();
-    return tOwn;
+    return &tOwn->entries;
 }
 
 void CleanText(std::string& text)
@@ -56,8 +66,9 @@ void CleanText(std::string& text)
 
 void TakeEntry(Entries& entries)
 {
-    if (tOwn != nullptr && !tOwn->empty())
-        entries.splice(entries.end(), *tOwn, tOwn->begin());
+    Entries* const own = Own();
+    if (own != nullptr && !own->empty())
+        entries.splice(entries.end(), *own, own->begin());
     else
         entries.emplace_back();
 }
@@ -78,7 +89,7 @@ void KeepEntries(Entries& entries, bool areClean)
 
 bool WantsEntries() noexcept
 {
-    return !tHasEnded && (tOwn == nullptr || tOwn->empty());
+    return !tHasEnded && (tOwn == nullptr || tOwn->entries.empty());
 }
 
 void CleanEntry(kyLog::LogEntry& entry)

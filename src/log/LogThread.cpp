@@ -66,6 +66,12 @@ kyLogThread::~kyLogThread()
         mFlushed.wakeAll();
     }
     waitThread(std::numeric_limits<int>::max());
+    // Producers that waited for the last entries still have to leave.
+    for (;; Nap(200)) {
+        const kyMutexLocker lock(mMutex, true);
+        if (mWaiters == 0)
+            return;
+    }
 }
 
 bool kyLogThread::isCurrent() const
@@ -187,6 +193,8 @@ public:
     explicit Ending(kyLogThread& thread) : mThread(thread) {}
     ~Ending()
     {
+        if (mThread.isInherited())
+            return;
         const kyMutexLocker lock(mThread.mMutex, true);
         mThread.mEnded = true;
         mThread.mIsWriting.store(false, std::memory_order_relaxed);
@@ -206,7 +214,9 @@ int kyLogThread::run()
     // Nobody could go on without this thread: a crash on it ends the process.
     const impl::ScopedCrashThrowBan ban;
     kyMutexLocker lock(mMutex, true);
-    while (hasWork() || !mStopRequested) {
+    // A custom handler may fork: then this is the child's only thread, and the lock is the
+    // parent's.
+    while (!isInherited() && (hasWork() || !mStopRequested)) {
         if (hasWork())
             writeRound(lock);
         else
@@ -256,11 +266,15 @@ void kyLogThread::writeRound(kyMutexLocker& lock)
         // the library flushes first, and then the converters of other threads are lost.
         impl::CloseConvertersOfThisThread();
     }
+    // Before the lock: a crash handler may hold it, above the producer that it has interrupted.
+    // Release and acquire, so that who sees this sees the round's end.
+    mIsWriting.store(false, std::memory_order_release);
+    if (isInherited())
+        return;
     lock.lock();
     if (mSpare.size() < sMostChunks)
         std::move(mCleaned.begin(), mCleaned.end(), std::back_inserter(mSpare));
     mCleaned.clear();
-    mIsWriting.store(false, std::memory_order_relaxed);
     mWrittenTicket = ticket;
     mChangedByHandler = false;
     mFlushRequested = mFlushRequested && hasWork();
@@ -310,6 +324,8 @@ bool kyLogThread::lockWithin(unsigned long patienceMs)
 
 bool kyLogThread::flushWhileItGoesOn(unsigned long patienceMs)
 {
+    if (isCurrent())
+        return endHere(patienceMs);
     if (!lockWithin(patienceMs))
         return false;
     const std::uint64_t ticket = mQueuedTicket;
@@ -339,7 +355,7 @@ bool kyLogThread::lockIdleWriter(unsigned long patienceMs)
     Patience patience(patienceMs);
     unsigned long progress = impl::WriterProgress();
     while (lockWithin(patienceMs)) {
-        if (!mIsWriting.load(std::memory_order_relaxed))
+        if (!mIsWriting.load(std::memory_order_acquire))
             return true;
         mMutex.unlock();
         if (std::exchange(progress, impl::WriterProgress()) != progress)
@@ -379,6 +395,18 @@ bool kyLogThread::writeFromCrash(Batch& batch, unsigned long patienceMs)
     ++mQueuedTicket;
     mMutex.unlock();
     return flushWhileItGoesOn(patienceMs);
+}
+
+/// The thread will not come back to its queue: a custom handler ends the process.
+bool kyLogThread::endHere(unsigned long patienceMs)
+{
+    if (!lockWithin(patienceMs))
+        return false;
+    writeRestHere();
+    mEnded = true;
+    mFlushed.wakeAll();
+    mMutex.unlock();
+    return true;
 }
 
 void kyLogThread::writeRestHere()

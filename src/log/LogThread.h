@@ -52,7 +52,8 @@ public:
     void writeOwn(std::list<kyLog::LogEntry>& batch);
 
     /// Waits until everything queued before the call is written, as long as the writer writes at
-    /// least something every `patienceMs` milliseconds. Tells whether it is written.
+    /// least something every `patienceMs` milliseconds. Tells whether it is written. On the log
+    /// thread itself, which does not come back from there, it writes all that on its own.
     bool flushWhileItGoesOn(unsigned long patienceMs);
 
     /// For the crash handler: writes the only entry of `batch` behind all that is queued, and
@@ -83,6 +84,7 @@ private:
     void waitUntil(const std::function<bool()>& done);
     bool lockWithin(unsigned long patienceMs);
     bool lockIdleWriter(unsigned long patienceMs);
+    bool endHere(unsigned long patienceMs);
     void writeRestHere();
 
     kyMutex mMutex;

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <iostream>
+#include <new>
 #include <utility>
 
 namespace ky {
@@ -131,7 +132,13 @@ void Finish(Writing& writing)
     // The position moves on after the writing, so that a crash in between repeats a line rather
     // than losing it.
     for (; writing.next != writing.batch.end(); ++writing.next) {
-        WriteEntry(writing.parameters, *writing.next);
+        try {
+            WriteEntry(writing.parameters, *writing.next);
+        } catch (const std::bad_alloc&) {
+            // One line that did not find the memory for its copy must not cost the others.
+            if (writing.parameters.echoesToConsole())
+                impl::WriteLineInPieces(std::cout, writing.next->prefix, writing.next->message);
+        }
         CountProgress();
     }
     if (!std::exchange(writing.isHandedOver, true))

@@ -10,6 +10,7 @@
 #include "log/LogThread.h"
 #include "log/LogWriter.h"
 #include "text/Ascii.h"
+#include "thread/LaunchMask.h"
 
 #include <algorithm>
 #include <iostream>
@@ -197,7 +198,7 @@ bool kyLog::writeBatch(std::list<LogEntry>& batch, bool flushNow)
         }
         if (mThread->push(batch, flushNow)) {
             if (sExiting.load(std::memory_order_relaxed))
-                mThread->flushWhileItGoesOn(sPatienceMs);
+                FlushAtExit();
             return true;
         }
     }
@@ -245,10 +246,15 @@ void kyLog::writeFromCrash(std::string_view text)
 
 void kyLog::FlushAtExit()
 {
+    // A log that is stuck is waited for once, however many lines static destructors write.
+    static constinit std::atomic<bool> sIsStuck{false};
     sExiting.store(true, std::memory_order_relaxed);
     const kyLog* const log = Instance();
-    if (log != nullptr && log->mThread && !log->mThread->isInherited())
-        log->mThread->flushWhileItGoesOn(sPatienceMs);
+    if (log == nullptr || !log->mThread || log->mThread->isInherited() ||
+        sIsStuck.load(std::memory_order_relaxed))
+        return;
+    if (!log->mThread->flushWhileItGoesOn(sPatienceMs))
+        sIsStuck.store(true, std::memory_order_relaxed);
 }
 
 void kyLog::RegisterProcessHooks()
@@ -278,7 +284,12 @@ void kyLog::RegisterProcessHooks()
             if (sLocked != nullptr)
                 sLocked->unlockAfterFork();
         },
-        &ChildLock::Give));
+        [] {
+            ChildLock::Give();
+            // Forked on a thread of the library, the child would keep its signals blocked.
+            const sigset_t mask = impl::LaunchSignalMask();
+            ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        }));
 }
 
 std::string kyLog::GetTime()

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <new>
 
+#include <cerrno>
 #include <cstdint>
 
 namespace ky {
@@ -24,7 +25,7 @@ constexpr int sStreamPrecision = 6;
 
 void kyLogObject::begin(int level, const char* subType, const char* systemLogName)
 {
-    const impl::Undisturbed undisturbed;
+    const int savedErrno = errno;
     new (&mEntry) std::list<kyLog::LogEntry>();
     impl::TakeEntry(mEntry);
     mActive = true;
@@ -38,6 +39,7 @@ void kyLogObject::begin(int level, const char* subType, const char* systemLogNam
         entry.subType = subType;
     if (systemLogName != nullptr)
         entry.systemLogName = systemLogName;
+    errno = savedErrno;
 }
 
 void kyLogObject::emit() noexcept
@@ -75,11 +77,6 @@ kyLogObject& kyLogObject::insert(std::string_view text)
     mInserted = true;
     message.append(text);
     return *this;
-}
-
-kyLogObject& kyLogObject::insertText(const char* text)
-{
-    return insert(text != nullptr ? std::string_view(text) : "[NullPtr]");
 }
 
 kyLogObject& kyLogObject::insertCharacter(char value)

@@ -283,6 +283,64 @@ TEST(LogThreadAtExit, GivesUpOnAHandlerThatIsStuck)
     EXPECT_NE(result.out.find(" : last\n"), std::string::npos);
 }
 
+TEST(LogThreadAtExit, WritesTheRestWhenAHandlerExits)
+{
+    const auto result = ky::test::RunInChild([] {
+        ky::initializeKySystem(ky::InitType::Full, false);
+        std::promise<void> entered;
+        std::promise<void> go;
+        static std::promise<void>* sEntered = &entered;
+        static std::promise<void>* sGo = &go;
+        kyLog::Instance()->installCustomHandler(
+            [](Batch&, void*) {
+                sEntered->set_value();
+                sGo->get_future().wait();
+                std::exit(7);
+            },
+            nullptr);
+        kyLogObject(kyLog::Info) << "exit";
+        entered.get_future().wait();
+        for (int i = 0; i < 100; ++i)
+            kyLogObject(kyLog::Info) << Line(0, i);
+        go.set_value();
+        for (;;)
+            ::pause();
+    });
+    EXPECT_EQ(result.exitCode, 7);
+    auto messages = MessagesOfLines(result.out);
+    messages.erase(messages.begin());
+    ExpectEachOnceInOrder(messages, 1, 100);
+}
+
+TEST(LogThreadFork, LetsAChildReturnFromAHandlerAndTakeSignals)
+{
+    const auto result = ky::test::RunInChild([] {
+        ky::initializeKySystem(ky::InitType::Full, false);
+        kyLog::Instance()->installCustomHandler(
+            [](Batch&, void*) {
+                for (const bool waits : {false, true}) {
+                    const pid_t child = ::fork();
+                    if (child == 0 && waits)
+                        for (;;)
+                            ::pause();
+                    if (child == 0)
+                        return;
+                    if (waits)
+                        ::kill(child, SIGTERM);
+                    int status = -1;
+                    ::waitpid(child, &status, 0);
+                    EXPECT_EQ(status, waits ? SIGTERM : 0);
+                }
+            },
+            nullptr);
+        ::alarm(60);
+        kyLogObject(kyLog::Info).setFlushNow() << "fork";
+        kyLog::Instance()->installCustomHandler(nullptr, nullptr);
+        ky::terminateKySystem();
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
 TEST(LogThreadFork, LetsChildrenLogAndEndWhileOthersHoldTheLocks)
 {
     if (sIsSanitized)
@@ -380,6 +438,13 @@ TEST(LogThreadCrash, LosesNoLineAndDiesOfTheSignal)
         {"exception in a thread", SIGABRT, [] { std::thread([] { throw 1; }).join(); }},
         {"SIGFPE in a thread", SIGFPE, [] { std::thread([] { ::raise(SIGFPE); }).join(); }},
         {"stack overflow", SIGSEGV, [] { OverflowStack(1); }},
+        {"stack overflow in a thread that logs", SIGSEGV,
+         [] {
+             std::thread([] {
+                 kyLogObject(kyLog::Info) << "deep";
+                 OverflowStack(1);
+             }).join();
+         }},
         {"the log's own thread", SIGSEGV, &CrashInLogThread},
         {"a custom handler", SIGSEGV, &CrashInHandler},
     };
