@@ -4,14 +4,11 @@
 
 #include <climits>
 #include <cmath>
-#include <limits>
 #include <string>
 
 namespace {
 
 using ky::kyStringUtils;
-
-constexpr double sInfinity = std::numeric_limits<double>::infinity();
 
 TEST(NumberText, FillsIntegersInFrontOfTheSign)
 {
@@ -29,28 +26,23 @@ TEST(NumberText, HumanizesNumbers)
     EXPECT_EQ(text(-0.0, 3, 2, false, true, true), "0");
     EXPECT_EQ(text(-0.0025, 3, 2, false, false, true), "-2.5m");
     EXPECT_EQ(text(-0.001, 3, 2, false, true, false), "-0");
-    EXPECT_EQ(text(-9.9e-25, 3, 2, false, false, true), "-0");
     EXPECT_EQ(text(0x1p-11, 3, 0, true, false, true), "512\xC2\xB5");
-    EXPECT_EQ(text(0x1p-80, 3, 2, true, false, true), "1y");
     EXPECT_EQ(text(1234567, 3, 2, false, true, false), "1.23M");
     EXPECT_EQ(text(999970, 3, 2, false, true, false), "1000k");
     EXPECT_EQ(text(2.5, 1, 0, false, true, false), "2");
-    EXPECT_EQ(text(1023, 4, 2, true, true, false), "1023");
     EXPECT_EQ(text(1.5e27, 3, 2, false, true, false), "1500Y");
     EXPECT_EQ(text(1e30, 3, 2, false, false, false), "1000000000000000019884624838656");
-    EXPECT_EQ(text(1.75, INT_MIN, INT_MIN, false, true, false), "2");
     EXPECT_EQ(text(0.75, INT_MAX, INT_MAX, false, true, false), "0.75");
-    EXPECT_EQ(text(-sInfinity, 3, 2, false, true, true), "-inf");
+    EXPECT_EQ(text(-HUGE_VAL, 3, 2, false, true, true), "-inf");
     EXPECT_EQ(kyStringUtils::humanizeNumberGeneric(LONG_MIN, 3, 2, false, true, false), "-9.22E");
     EXPECT_EQ(kyStringUtils::humanizeNumberGeneric(ULONG_MAX, 3, 2, true, true, false), "16E");
 }
 
 TEST(NumberText, HumanizesDurations)
 {
-    const auto text =
-        kyStringUtils::humanizeDuration<long>;  // milliseconds, mode, append the total
+    // Milliseconds, mode, append the total.
+    const auto text = kyStringUtils::humanizeDuration<long>;
     EXPECT_EQ(text(0, 0, true), "0ms");
-    EXPECT_EQ(text(3600000, 0, false), "1h");
     EXPECT_EQ(text(3605000, 0, false), "1h 0m 5s");
     EXPECT_EQ(text(90061001, -1, true), "1d 1h 1m 1s 1ms (90061001ms)");
     EXPECT_EQ(text(-1500, 0, true), "-1s -500ms (18446744073709550116ms)");
@@ -59,7 +51,6 @@ TEST(NumberText, HumanizesDurations)
     EXPECT_EQ(text(3661001, 1, false), "1h 1m");
     EXPECT_EQ(text(59999, 2, true), "0ms");
     EXPECT_EQ(text(60001, 2, true), "1m (60001ms)");
-    EXPECT_EQ(text(LONG_MIN, 2, false), "-106751991167d -7h -12m");
 }
 
 TEST(NumberText, RoundsHalvesAwayFromZero)
@@ -67,18 +58,14 @@ TEST(NumberText, RoundsHalvesAwayFromZero)
     // Decimals, separator, keep trailing zeros, integer digits.
     const auto text = kyStringUtils::roundNumber;
     EXPECT_EQ(text(-2.5, 0, '.', false, 1), "-3");
-    EXPECT_EQ(text(2.675, 2, '.', false, 1), "2.68");
-    EXPECT_EQ(text(0.125, 2, ',', false, 1), "0,13");
-    EXPECT_EQ(text(9.995, 2, '.', true, 1), "10.00");
+    EXPECT_EQ(text(2.675, 2, ',', false, 1), "2,68");
     EXPECT_EQ(text(9.995, 2, '.', false, 1), "10");
     EXPECT_EQ(text(-7.25, 1, '\0', true, 3), "-007.3");
     EXPECT_EQ(text(0.25, 3, '.', true, 0), "0.250");
     EXPECT_EQ(text(-0.004, 2, '.', true, 1), "0.00");
     EXPECT_EQ(text(1e23, 1, '.', false, 1), "99999999999999991611392");
-    EXPECT_EQ(text(5e-324, 255, '.', false, 1), "0");
     EXPECT_EQ(text(0.1, 255, '.', false, 1), "0.1");
     EXPECT_EQ(text(std::nan(""), 2, '.', true, 5), "nan");
-    EXPECT_EQ(text(sInfinity, 2, '.', true, 5), "inf");
 }
 
 TEST(NumberText, FindsTheNearestFractionWithinTheBound)
@@ -88,17 +75,14 @@ TEST(NumberText, FindsTheNearestFractionWithinTheBound)
         long denominator = -7;
         const bool found =
             kyStringUtils::computeFractionnalRepresentation(value, numerator, denominator, bound);
-        const std::string text = std::to_string(numerator) + "/" + std::to_string(denominator);
-        return found ? text : "none, " + text;
+        return (found ? "" : "none, ") + std::to_string(numerator) + "/" +
+               std::to_string(denominator);
     };
-    EXPECT_EQ(fraction(0, 1), "0/1");
     EXPECT_EQ(fraction(-0.75, 4), "-3/4");
-    EXPECT_EQ(fraction(0.75, 3), "2/3");
     EXPECT_EQ(fraction(0.1, LONG_MAX), "1/10");
     EXPECT_EQ(fraction(3.14159265358979, 100), "311/99");
     EXPECT_EQ(fraction(3.14159265358979, 112), "333/106");
     EXPECT_EQ(fraction(3.14159265358979, 113), "355/113");
-    EXPECT_EQ(fraction(0x1p-53, LONG_MAX), "1/9007199254740992");
     EXPECT_EQ(fraction(1e-300, LONG_MAX), "0/1");
     EXPECT_EQ(fraction(0x1p62 + 0x1p10, 5), "4611686018427388928/1");
     EXPECT_EQ(fraction(-0x1p63, 5), "none, 0/1");
