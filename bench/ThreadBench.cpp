@@ -18,6 +18,7 @@
 namespace {
 
 constexpr int sLocksPerTurn = 1000;
+constexpr int sThreadsPerTurn = 100;  // each sleeps and wakes; turn by turn they disturb each other
 
 struct Library {
     Library() { ky::initializeKySystem(ky::InitType::Full, false); }
@@ -107,11 +108,17 @@ void StartAndJoin(benchmark::State& state)
     Compare(
         state,
         [] {
-            EmptyThread thread;
-            thread.startThread("bench");
-            thread.waitThread(INT_MAX);
+            for (int i = 0; i < sThreadsPerTurn; ++i) {
+                EmptyThread thread;
+                thread.startThread("bench");
+                thread.waitThread(INT_MAX);
+            }
         },
-        [] { std::thread([] {}).join(); });
+        [] {
+            for (int i = 0; i < sThreadsPerTurn; ++i)
+                std::thread([] {}).join();
+        });
+    state.SetItemsProcessed(sThreadsPerTurn * state.iterations());
 }
 BENCHMARK(StartAndJoin)->UseManualTime();
 
