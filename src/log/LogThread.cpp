@@ -332,30 +332,21 @@ bool kyLogThread::flushWhileItGoesOn(unsigned long patienceMs)
     mFlushRequested = true;
     wake();
     mMutex.unlock();
-
-    Patience patience(patienceMs);
-    unsigned long progress = impl::WriterProgress();
-    while (lockWithin(patienceMs)) {
-        const bool done = mWrittenTicket >= ticket || mEnded;
-        mMutex.unlock();
-        if (done)
-            return true;
-        if (std::exchange(progress, impl::WriterProgress()) != progress)
-            patience.renew();
-        if (patience.isOver())
-            return false;
-        Nap(200);
-    }
-    return false;
+    if (!lockWhen(patienceMs, [&] { return mWrittenTicket >= ticket || mEnded; }))
+        return false;
+    mMutex.unlock();
+    return true;
 }
 
-bool kyLogThread::lockIdleWriter(unsigned long patienceMs)
+/// True with the lock held as soon as `condition` holds under it; false without it after
+/// `patienceMs` milliseconds in which the writer has written nothing.
+template <typename Condition>
+bool kyLogThread::lockWhen(unsigned long patienceMs, Condition condition)
 {
-    mPauseRequested.store(true, std::memory_order_relaxed);
     Patience patience(patienceMs);
     unsigned long progress = impl::WriterProgress();
     while (lockWithin(patienceMs)) {
-        if (!mIsWriting.load(std::memory_order_acquire))
+        if (condition())
             return true;
         mMutex.unlock();
         if (std::exchange(progress, impl::WriterProgress()) != progress)
@@ -379,7 +370,9 @@ bool kyLogThread::writeFromCrash(Batch& batch, unsigned long patienceMs)
         return true;
     }
     if (impl::InsideLog::IsActive()) {
-        const bool isLocked = lockIdleWriter(patienceMs);
+        mPauseRequested.store(true, std::memory_order_relaxed);
+        const bool isLocked =
+            lockWhen(patienceMs, [&] { return !mIsWriting.load(std::memory_order_acquire); });
         if (isLocked) {
             kyLog::WriteImpl(mWorking, batch);
             writeRestHere();
@@ -390,6 +383,10 @@ bool kyLogThread::writeFromCrash(Batch& batch, unsigned long patienceMs)
     }
     if (!lockWithin(patienceMs))
         return false;
+    if (mEnded) {
+        mMutex.unlock();
+        return false;
+    }
     mQueuedBytes += batch.front().message.size();
     mQueue.splice(mQueue.end(), batch);
     ++mQueuedTicket;

@@ -58,8 +58,8 @@ public:
 
     /// For the crash handler: writes the only entry of `batch` behind all that is queued, and
     /// returns when it is through the sinks. False after `patienceMs` milliseconds without any
-    /// progress. On the log thread itself, and where the crash has hit this thread inside the log,
-    /// it writes on the caller's thread, the report first.
+    /// progress, and when the thread has ended. On the log thread itself, and where the crash has
+    /// hit this thread inside the log, it writes on the caller's thread, the report first.
     bool writeFromCrash(std::list<kyLog::LogEntry>& batch, unsigned long patienceMs);
 
     /// Around fork(2): nobody is in the middle of a change of the queue.
@@ -83,7 +83,8 @@ private:
     void trimSpare();
     void waitUntil(const std::function<bool()>& done);
     bool lockWithin(unsigned long patienceMs);
-    bool lockIdleWriter(unsigned long patienceMs);
+    template <typename Condition>
+    bool lockWhen(unsigned long patienceMs, Condition condition);
     bool endHere(unsigned long patienceMs);
     void writeRestHere();
 

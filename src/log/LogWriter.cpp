@@ -188,21 +188,32 @@ void kyLog::WriteImpl(kyLogParameters& parameters, std::list<LogEntry>& batch)
     Finish(writing);
 }
 
-void kyLog::WriteToSystemLog(const LogEntry& entry, bool echoToStderr)
+std::string impl::SystemLogText(const kyLog::LogEntry& entry)
 {
-    if (entry.level == Debug)
-        return;
     std::string text;
     if (!entry.systemLogName.empty())
         text.append(entry.systemLogName).append(" : ");
     text.append(entry.prefix).append(entry.message);
-    impl::CutToSystemLogSize(text);
+    CutToSystemLogSize(text);
+    return text;
+}
+
+std::string impl::LocalOrRaw(const std::string& textUtf8)
+{
+    // One invalid byte makes the whole conversion empty.
+    std::string localText = kyStringUtils::convertCharset(textUtf8, kyStringUtils::CharSetUtf8,
+                                                          kyStringUtils::CharSetLocal8Bit);
+    return localText.empty() ? textUtf8 : localText;
+}
+
+void kyLog::WriteToSystemLog(const LogEntry& entry, bool echoToStderr)
+{
+    if (entry.level == Debug)
+        return;
+    std::string text = impl::SystemLogText(entry);
     if (echoToStderr)
         impl::WriteLine(std::cerr, text);
-    // One invalid byte makes the whole conversion empty; the raw bytes say more than nothing.
-    const std::string localText = kyStringUtils::convertCharset(text, kyStringUtils::CharSetUtf8,
-                                                                kyStringUtils::CharSetLocal8Bit);
-    impl::SendToSystemLog(entry.level, localText.empty() ? text : localText);
+    impl::SendToSystemLog(entry.level, impl::LocalOrRaw(text));
 }
 
 }  // namespace ky

@@ -2,6 +2,8 @@
 
 #include "ky/kyLog.h"
 
+#include <string>
+
 namespace ky::impl {
 
 /// Marks that the calling thread is in the middle of the log's own work, for a crash handler that
@@ -18,6 +20,13 @@ public:
 private:
     static thread_local int tDepth;
 };
+
+/// What the system log receives of an entry: name, " : ", prefix and message in UTF-8, cut to its
+/// size.
+std::string SystemLogText(const kyLog::LogEntry& entry);
+
+/// In the local 8-bit set, or as it is where that fails: raw bytes say more than nothing.
+std::string LocalOrRaw(const std::string& textUtf8);
 
 /// Whether a custom handler runs on the calling thread.
 bool IsHandlerRunning() noexcept;

@@ -240,8 +240,7 @@ void kyLog::writeFromCrash(std::string_view text)
         std::string line = impl::LineWithRoom(forSystemLog.prefix, forSystemLog.message);
         impl::WriteLine(mParameters->echoesToConsole() ? std::cout : std::cerr, line);
     }
-    impl::SendToSystemLogFromCrash(Critical,
-                                   "kySystem : " + forSystemLog.prefix + forSystemLog.message);
+    impl::SendToSystemLogFromCrash(Critical, impl::LocalOrRaw(impl::SystemLogText(forSystemLog)));
 }
 
 void kyLog::FlushAtExit()
