@@ -2,12 +2,12 @@
 #include "ky/UUID.h"
 #include "ky/kyMutex.h"
 #include "ky/kyRandomUtils.h"
-#include "ky/kyStringUtils.h"
 #include "ky/kySystem.h"
 
 #include "frame/ProcessId.h"
 #include "frame/Report.h"
 #include "fs/ScopedHandles.h"
+#include "text/LocalPath.h"
 #include "thread/EarlyCreation.h"
 
 #include <algorithm>
@@ -35,26 +35,6 @@ std::string PathUtf8(std::string name)
     std::replace(name.begin(), name.end(), '/', '_');
     std::replace(name.begin(), name.end(), '.', '_');
     return sFolder + name;
-}
-
-bool IsAscii(const std::string& text)
-{
-    return std::all_of(text.begin(), text.end(),
-                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
-
-/// Empty when the local set lacks a character: what stands in for it could be another's name.
-std::string LocalPath(const std::string& pathUtf8)
-{
-    using Utils = kyStringUtils;
-    // Every local set of this platform has ASCII, so that such a name needs no initialisation.
-    if (IsAscii(pathUtf8))
-        return pathUtf8;
-    std::string local =
-        Utils::convertCharset(pathUtf8, Utils::CharSetUtf8, Utils::CharSetLocal8Bit);
-    if (Utils::convertCharset(local, Utils::CharSetLocal8Bit, Utils::CharSetUtf8) != pathUtf8)
-        local.clear();
-    return local;
 }
 
 std::string DrawName(bool fromSystem)
@@ -154,7 +134,7 @@ private:
 /// Returns 0 or the error.
 int kyMutexSystem::Record::open(const std::string& name)
 {
-    path = LocalPath(PathUtf8(name));
+    path = impl::ToLocalPath(PathUtf8(name));
     return path.empty() ? ENOENT : keep(OpenFile(path));
 }
 

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "ky/SystemError.h"
+
+#include <string>
+
+namespace ky::impl {
+
+/// Puts `text` and the description of `errorNumber` into `error`, which may be null. Returns false,
+/// for the last line of what has failed.
+inline bool Fail(std::string* error, const char* text, int errorNumber)
+{
+    if (error != nullptr)
+        *error = text + SystemError(errorNumber).toString();
+    return false;
+}
+
+}  // namespace ky::impl

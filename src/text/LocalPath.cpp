@@ -1,0 +1,39 @@
+#include "text/LocalPath.h"
+
+#include "ky/kyStringUtils.h"
+
+#include <algorithm>
+
+namespace ky {
+namespace {
+
+bool IsAscii(const std::string& text)
+{
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+}  // namespace
+
+std::string impl::ToLocalPath(const std::string& pathUtf8)
+{
+    if (pathUtf8.find('\0') != std::string::npos)
+        return {};
+    if (IsAscii(pathUtf8))
+        return pathUtf8;
+    std::string local = kyStringUtils::convertCharset(pathUtf8, kyStringUtils::CharSetUtf8,
+                                                      kyStringUtils::CharSetLocal8Bit);
+    if (ToUtf8Path(local) != pathUtf8)
+        local.clear();
+    return local;
+}
+
+std::string impl::ToUtf8Path(const std::string& localPath)
+{
+    if (IsAscii(localPath))
+        return localPath;
+    return kyStringUtils::convertCharset(localPath, kyStringUtils::CharSetLocal8Bit,
+                                         kyStringUtils::CharSetUtf8);
+}
+
+}  // namespace ky
