@@ -1,185 +1,23 @@
 #include "ky/SystemError.h"
-#include "ky/UUID.h"
 #include "ky/kyMutex.h"
-#include "ky/kyRandomUtils.h"
 #include "ky/kySystem.h"
 
-#include "frame/ProcessId.h"
 #include "frame/Report.h"
-#include "fs/ScopedHandles.h"
-#include "text/LocalPath.h"
 #include "thread/EarlyCreation.h"
+#include "thread/SystemLock.h"
 
-#include <algorithm>
-#include <atomic>
 #include <string>
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <cerrno>
-#include <cstdio>
-
 namespace ky {
-namespace {
-
-constexpr const char* sFolder = "/var/lock/";
-constexpr int sDrawsOfTheHost = 16;
-constexpr int sMaxDraws = 64;
-constexpr int sFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-constexpr mode_t sMode = 0666;
-
-std::string PathUtf8(std::string name)
-{
-    std::replace(name.begin(), name.end(), '/', '_');
-    std::replace(name.begin(), name.end(), '.', '_');
-    return sFolder + name;
-}
-
-std::string DrawName(bool fromSystem)
-{
-    unsigned char bytes[16] = {};
-    if (fromSystem)
-        kyRandomUtils::SystemRand(bytes, sizeof bytes);
-    else
-        kyRandomUtils::Rand(reinterpret_cast<char*>(bytes), sizeof bytes);
-    bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);
-    bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);
-    std::string name;
-    UUID::BinaryToString<UUID::Compact>(bytes, name);
-    return name;
-}
-
-int WhyNotRegular(mode_t mode)
-{
-    if (S_ISLNK(mode))
-        return ELOOP;
-    return S_ISDIR(mode) ? EISDIR : EEXIST;
-}
-
-impl::ScopedFd CreateFile(const std::string& path)
-{
-    return impl::ScopedFd(::open(path.c_str(), sFlags | O_CREAT | O_EXCL, sMode));
-}
-
-/// Looks before it opens: to open a pipe or a device can already have an effect on it.
-impl::ScopedFd OpenRegularFile(const std::string& path)
-{
-    struct stat info;
-    if (::lstat(path.c_str(), &info) != 0)
-        return {};
-    if (S_ISREG(info.st_mode)) {
-        impl::ScopedFd fd(::open(path.c_str(), sFlags));
-        if (!fd || ::fstat(fd.get(), &info) != 0)
-            return {};
-        if (S_ISREG(info.st_mode))
-            return fd;
-    }
-    errno = WhyNotRegular(info.st_mode);
-    return {};
-}
-
-/// Creating comes second: in a folder that all may write to, the kernel refuses to open another
-/// user's file with O_CREAT (proc(5), fs.protected_regular).
-impl::ScopedFd OpenFile(const std::string& path)
-{
-    while (true) {
-        impl::ScopedFd fd = OpenRegularFile(path);
-        if (fd || errno != ENOENT)
-            return fd;
-        fd = CreateFile(path);
-        if (fd || errno != EEXIST)
-            return fd;
-    }
-}
-
-bool IsAtPath(int fd, const std::string& path)
-{
-    struct stat opened;
-    struct stat present;
-    return ::fstat(fd, &opened) == 0 && ::lstat(path.c_str(), &present) == 0 &&
-           opened.st_dev == present.st_dev && opened.st_ino == present.st_ino;
-}
-
-bool LockFile(int fd, int operation)
-{
-    return impl::RetryOnEintr([&] { return ::flock(fd, operation); }) == 0;
-}
-
-}  // namespace
 
 struct kyMutexSystem::Record {
-    int open(const std::string& name);
-    int openUnnamed(std::string& name);
-    bool reopen();
-    bool isInherited() const { return creatorId != impl::CachedProcessId(); }
-
-    /// flock(2) belongs to the open file description, which a forked child shares: its lock would
-    /// succeed beside the parent's, and its unlock release the parent's.
-    bool sharesDescription() const
-    {
-        return openerId.load(std::memory_order_relaxed) != impl::CachedProcessId();
-    }
-
-    impl::ScopedFile file;
-    std::string path;
-    const unsigned long creatorId = impl::CachedProcessId();
-    std::atomic<unsigned long> openerId = creatorId;  // a forked child writes it in lock()
-
-private:
-    int keep(impl::ScopedFd fd);
+    impl::SystemLock lock;
 };
-
-/// Returns 0 or the error.
-int kyMutexSystem::Record::open(const std::string& name)
-{
-    path = impl::ToLocalPath(PathUtf8(name));
-    return path.empty() ? ENOENT : keep(OpenFile(path));
-}
-
-/// The host's generator may draw the same in every process, so a name counts only when its file is
-/// new. Returns 0 or the error, `name` is the last name drawn.
-int kyMutexSystem::Record::openUnnamed(std::string& name)
-{
-    int error = EEXIST;
-    for (int draw = 0; draw < sMaxDraws && error == EEXIST; ++draw) {
-        name = DrawName(draw >= sDrawsOfTheHost);
-        path = PathUtf8(name);
-        error = keep(CreateFile(path));
-    }
-    return error;
-}
-
-/// Takes over what is new or a regular file that was there. Returns 0 or the error.
-int kyMutexSystem::Record::keep(impl::ScopedFd fd)
-{
-    if (!fd || ::ftruncate(fd.get(), 0) != 0)
-        return errno;
-    file.reset(::fdopen(fd.get(), "w+"));
-    if (!file)
-        return errno;
-    fd.release();
-    return 0;
-}
-
-/// Puts what is at the path now under the same descriptor number.
-bool kyMutexSystem::Record::reopen()
-{
-    const impl::ScopedFd fd = OpenFile(path);
-    if (!fd)
-        return false;
-    const int kept = ::fileno(file.get());
-    if (impl::RetryOnEintr([&] { return ::dup3(fd.get(), kept, O_CLOEXEC); }) == -1)
-        return false;
-    openerId.store(impl::CachedProcessId(), std::memory_order_relaxed);
-    return true;
-}
 
 kyMutexSystem::kyMutexSystem(const char* name) : mRecord(std::make_unique<Record>())
 {
     std::string shownName = name != nullptr ? name : "";
-    const int error = name != nullptr ? mRecord->open(shownName) : mRecord->openUnnamed(shownName);
+    const int error = name != nullptr ? mRecord->lock.open(shownName) : mRecord->lock.openUnnamed(shownName);
     if (error != 0)
         impl::Report(impl::ReportLevel::Critical, "kySystem",
                      "Fail to create lock for file '" + shownName + "' error " +
@@ -190,31 +28,16 @@ kyMutexSystem::kyMutexSystem(const char* name) : mRecord(std::make_unique<Record
 kyMutexSystem::~kyMutexSystem()
 {
     CheckIfProcessForkAfterThreadSafeInit();
-    if (!mRecord->file || mRecord->isInherited())
-        return;
-    // Under the lock: without it, a holder and whoever creates the file next would both go on.
-    const int fd = ::fileno(mRecord->file.get());
-    if (LockFile(fd, LOCK_EX | LOCK_NB) && IsAtPath(fd, mRecord->path))
-        ::unlink(mRecord->path.c_str());
 }
 
 void kyMutexSystem::lock()
 {
-    if (!mRecord->file || (mRecord->sharesDescription() && !mRecord->reopen()))
-        return;
-    const int fd = ::fileno(mRecord->file.get());
-    // Whoever removed the file held the lock on it until then. Once the path has another file, or
-    // none, others lock that one.
-    while (LockFile(fd, LOCK_EX) && !IsAtPath(fd, mRecord->path)) {
-        if (!mRecord->reopen())
-            return;
-    }
+    mRecord->lock.lock();
 }
 
 void kyMutexSystem::unlock()
 {
-    if (mRecord->file && !mRecord->sharesDescription())
-        LockFile(::fileno(mRecord->file.get()), LOCK_UN);
+    mRecord->lock.unlock();
 }
 
 }  // namespace ky
