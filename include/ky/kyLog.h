@@ -27,8 +27,8 @@ enum class kyLogLevel : int {
 };
 
 /// The process-wide log. Messages are composed with `kyLogObject`; each becomes a `LogEntry` that
-/// goes to the console echo (standard output, on from the start), to the custom handler when one
-/// is installed and, when it carries a system-log name, to syslog(3).
+/// goes to the console echo (standard output, on from the start), to a log file and to the custom
+/// handler when they are installed and, when it carries a system-log name, to syslog(3).
 ///
 /// A line is the prefix and the message:
 ///
@@ -110,6 +110,50 @@ public:
     /// returns, entries logged before have been handed over and no call of it is left. A handler
     /// that removes itself is not called again.
     bool installCustomHandler(CustomHandler handler, void* userData);
+
+    /// When a log file is put aside because of the time, at local midnight. Weeks begin on Sunday.
+    enum class TimeRotationInterval : int { None = 0, Daily = 1, Weekly = 2, Monthly = 3 };
+
+    enum FileOption : unsigned int {
+        FileAppend = 1,  ///< go on in a file that exists; it is removed otherwise
+        FileShared = 2,  ///< several processes write to it, one batch at a time; implies appending
+        FileEchoToConsole = 4,
+    };
+
+    /// Writes every line to a file too. `removeFileHandler` comes first, so that the file written
+    /// until then is closed and the console echo is off, even when this fails.
+    ///
+    /// The file is `folderUtf8` + "/" + `baseName`, an extension being part of the name; missing
+    /// folders are made. It is put aside when the next line would make it larger than
+    /// `maxFileSizeBytes`, under its name with "_%Y-%m-%d-%H-%M-%S" (strftime(3), local time)
+    /// before the extension, and when a line is of a later day, week or month than the file, with
+    /// "_%Y-%m-%d", "_%Y-W%U" or "_%Y-%m" of the file's lines. No file is ever overwritten: a mark
+    /// that is taken gets "-1", "-2" and so on. When there are more than `maxFileCount` files, the
+    /// current one included, those of the earliest last line are removed. 0 means no limit.
+    ///
+    /// A batch of up to 1 MiB is one write(2) in append mode. When the path names another file
+    /// before a batch, renamed by logrotate(8) say, the new one is opened, or made; until that
+    /// succeeds the old one stays in use. Lines that cannot be written, on a full disk say, are
+    /// lost to the file alone; they are counted in a WARNING line when the file goes on, and told
+    /// to standard error, at most once a minute. A line torn by a kill or a full disk stays torn,
+    /// and the next one begins on a line of its own.
+    ///
+    /// False with a reason in `error` when folder or file cannot be made or opened, the name is
+    /// empty or not one name, the size is below 1024 or above 2^63 - 1, or a value is unknown; then
+    /// entries still reach handler and system log. A pipe needs its reader first.
+    bool installFileHandlerExUtf8(const std::string& folderUtf8, const std::string& baseName,
+                                  unsigned int options, unsigned int maxFileCount,
+                                  unsigned long maxFileSizeBytes, TimeRotationInterval interval,
+                                  std::string* error = nullptr);
+
+    /// The same for a path, appending and without limits.
+    bool installFileHandlerUtf8(const std::string& pathUtf8, std::string* error = nullptr);
+
+    /// Closes the log file, if any, after what was logged before, and turns the console echo off.
+    void removeFileHandler();
+
+    /// The path as it was installed; empty when there is no log file.
+    std::string getCurrentLogFileNameUtf8();
 
     /// Returns when everything logged before has reached its sinks; at once on the log's own
     /// thread, that is in a custom handler.

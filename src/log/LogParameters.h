@@ -2,7 +2,10 @@
 
 #include "ky/kyLog.h"
 
+#include "log/LogFile.h"
+
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -22,6 +25,8 @@ public:
     std::string mPendingNotice;
     bool mEchoToConsole = true;
     bool mEchoBesideFile = false;
+    impl::LogFileSettings mFileSettings;
+    std::shared_ptr<impl::LogFile> mFile;  // null while no file is installed
 };
 
 }  // namespace ky

@@ -113,18 +113,44 @@ void WriteNotice(kyLogParameters& parameters)
     kyLog::WriteImpl(parameters, notice);
 }
 
+void Echo(const kyLog::LogEntry& entry)
+{
+    try {
+        std::string line = impl::LineWithRoom(entry.prefix, entry.message);
+        impl::WriteLine(std::cout, line);
+    } catch (const std::bad_alloc&) {
+        // One line that did not find the memory for its copy must not cost the others.
+        impl::WriteLineInPieces(std::cout, entry.prefix, entry.message);
+    }
+}
+
 void WriteEntry(kyLogParameters& parameters, kyLog::LogEntry& entry)
 {
     const bool filtered = IsFiltered(parameters, entry);
-    // Notices are about the writer's own doing and come before the entry that shows it.
-    if (!filtered && !parameters.mPendingNotice.empty())
-        WriteNotice(parameters);
-    // A filtered entry gets its prefix too: the custom handler sees the whole batch.
-    entry.computeLogPrefix(true);
-    if (filtered || !parameters.echoesToConsole())
+    try {
+        // Notices are about the writer's own doing and come before the entry that shows it.
+        if (!filtered && !parameters.mPendingNotice.empty())
+            WriteNotice(parameters);
+        // A filtered entry gets its prefix too: the custom handler sees the whole batch.
+        entry.computeLogPrefix(true);
+    } catch (const std::bad_alloc&) {
+        // The message says more than nothing.
+    }
+    if (filtered)
         return;
-    std::string line = impl::LineWithRoom(entry.prefix, entry.message);
-    impl::WriteLine(std::cout, line);
+    if (parameters.echoesToConsole())
+        Echo(entry);
+    if (parameters.mFile)
+        parameters.mFile->append(static_cast<long>(entry.timeMs / 1000UL), entry.prefix,
+                                 entry.message);
+}
+
+void CommitFile(kyLogParameters& parameters)
+{
+    if (!parameters.mFile)
+        return;
+    parameters.mFile->commit();
+    parameters.mPendingNotice += parameters.mFile->takeNotice();
 }
 
 void Finish(Writing& writing)
@@ -132,15 +158,10 @@ void Finish(Writing& writing)
     // The position moves on after the writing, so that a crash in between repeats a line rather
     // than losing it.
     for (; writing.next != writing.batch.end(); ++writing.next) {
-        try {
-            WriteEntry(writing.parameters, *writing.next);
-        } catch (const std::bad_alloc&) {
-            // One line that did not find the memory for its copy must not cost the others.
-            if (writing.parameters.echoesToConsole())
-                impl::WriteLineInPieces(std::cout, writing.next->prefix, writing.next->message);
-        }
+        WriteEntry(writing.parameters, *writing.next);
         CountProgress();
     }
+    CommitFile(writing.parameters);
     if (!std::exchange(writing.isHandedOver, true))
         HandOver(writing.parameters, writing.batch);
     CountProgress();

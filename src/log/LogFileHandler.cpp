@@ -1,0 +1,93 @@
+#include "ky/kyLog.h"
+
+#include "log/LogFile.h"
+#include "log/LogParameters.h"
+
+#include <limits>
+#include <memory>
+#include <utility>
+
+namespace ky {
+namespace {
+
+constexpr unsigned int sAllOptions =
+    kyLog::FileAppend | kyLog::FileShared | kyLog::FileEchoToConsole;
+constexpr unsigned long sSmallestFileBytes = 1024;
+
+/// Null when nothing is wrong.
+const char* WhatIsWrong(const impl::LogFileSettings& settings)
+{
+    const std::string& name = settings.baseName;
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos)
+        return "the name is not that of a file in the folder";
+    if ((settings.options & ~sAllOptions) != 0)
+        return "there is no such option";
+    if (settings.interval < kyLog::TimeRotationInterval::None ||
+        settings.interval > kyLog::TimeRotationInterval::Monthly)
+        return "there is no such interval";
+    const unsigned long size = settings.maxFileSizeBytes;
+    if (size != 0 && (size < sSmallestFileBytes || size > std::numeric_limits<long>::max()))
+        return "the size is not between 1024 and 2^63 - 1 bytes";
+    return nullptr;
+}
+
+}  // namespace
+
+bool kyLog::installFileHandlerUtf8(const std::string& pathUtf8, std::string* error)
+{
+    const std::string::size_type slash = pathUtf8.rfind('/');
+    const bool hasFolder = slash != std::string::npos;
+    const std::string folder = hasFolder ? pathUtf8.substr(0, slash == 0 ? 1 : slash) : ".";
+    return installFileHandlerExUtf8(folder, hasFolder ? pathUtf8.substr(slash + 1) : pathUtf8,
+                                    FileAppend, 0, 0, TimeRotationInterval::None, error);
+}
+
+bool kyLog::installFileHandlerExUtf8(const std::string& folderUtf8, const std::string& baseName,
+                                     unsigned int options, unsigned int maxFileCount,
+                                     unsigned long maxFileSizeBytes, TimeRotationInterval interval,
+                                     std::string* error)
+{
+    if (error != nullptr)
+        error->clear();
+    removeFileHandler();
+    const bool endsInSlash = !folderUtf8.empty() && folderUtf8.back() == '/';
+    const impl::LogFileSettings settings = {
+        folderUtf8, baseName,     folderUtf8 + (endsInSlash ? "" : "/") + baseName,
+        options,    maxFileCount, maxFileSizeBytes,
+        interval};
+    if (const char* const wrong = WhatIsWrong(settings)) {
+        if (error != nullptr)
+            *error = "Fail to install log file handler to '" + settings.pathUtf8 +
+                     "' error was : " + wrong;
+        return false;
+    }
+    const std::shared_ptr<impl::LogFile> file = impl::LogFile::Open(settings, error);
+    if (!file)
+        return false;
+    configure([&](kyLogParameters& parameters) {
+        parameters.mFileSettings = settings;
+        parameters.mFile = file;
+        parameters.mEchoToConsole = (options & FileEchoToConsole) != 0;
+    });
+    return true;
+}
+
+void kyLog::removeFileHandler()
+{
+    configure([](kyLogParameters& parameters) {
+        parameters.mFileSettings = {};
+        parameters.mFile.reset();
+        // kept: a log file without its own option turns the console echo off for good.
+        parameters.mEchoToConsole = false;
+        parameters.mEchoBesideFile = false;
+    });
+}
+
+std::string kyLog::getCurrentLogFileNameUtf8()
+{
+    std::string path;
+    configure([&](const kyLogParameters& parameters) { path = parameters.mFileSettings.pathUtf8; });
+    return path;
+}
+
+}  // namespace ky

@@ -1,0 +1,201 @@
+#include "log/LogFileNames.h"
+
+#include "ky/SystemError.h"
+
+#include "frame/TimeText.h"
+#include "text/LocalPath.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+
+namespace ky {
+namespace {
+
+using Interval = kyLog::TimeRotationInterval;
+
+constexpr long sDaySeconds = 86400;
+constexpr int sDaysOfAnyPeriod = 33;
+
+struct Name {
+    std::string folder;  // with its slash
+    std::string stem;
+    std::string extension;  // with its dot
+};
+
+Name Split(const std::string& path)
+{
+    const std::string::size_type base = path.rfind('/') + 1;
+    std::string::size_type dot = path.rfind('.');
+    if (dot == std::string::npos || dot <= base)
+        dot = path.size();
+    return {path.substr(0, base), path.substr(base, dot - base), path.substr(dot)};
+}
+
+/// Removes from `text` what `pattern` stands for: '0' for a digit, '#' for digits, others for
+/// themselves.
+bool Consume(std::string_view& text, std::string_view pattern)
+{
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    std::string_view rest = text;
+    for (const char expected : pattern) {
+        const bool isNumber = expected == '0' || expected == '#';
+        if (rest.empty() || !(isNumber ? isDigit(rest.front()) : rest.front() == expected))
+            return false;
+        do
+            rest.remove_prefix(1);
+        while (expected == '#' && !rest.empty() && isDigit(rest.front()));
+    }
+    text = rest;
+    return true;
+}
+
+bool IsMark(std::string_view text)
+{
+    for (const char* const pattern :
+         {"_0000-00-00-00-00-00", "_0000-00-00", "_0000-W00", "_0000-00"}) {
+        std::string_view rest = text;
+        if (Consume(rest, pattern) && (rest.empty() || (Consume(rest, "-#") && rest.empty())))
+            return true;
+    }
+    return false;
+}
+
+bool IsPutAside(const Name& name, std::string_view file)
+{
+    const std::size_t around = name.stem.size() + name.extension.size();
+    return file.size() > around && file.substr(0, name.stem.size()) == name.stem &&
+           file.substr(file.size() - name.extension.size()) == name.extension &&
+           IsMark(file.substr(name.stem.size(), file.size() - around));
+}
+
+struct FolderCloser {
+    void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+using TimedName = std::pair<std::pair<long, long>, std::string>;
+
+std::vector<TimedName> FilesPutAside(const Name& name)
+{
+    std::vector<TimedName> files;
+    const std::unique_ptr<DIR, FolderCloser> folder(::opendir(name.folder.c_str()));
+    const dirent* entry = nullptr;
+    while (folder && (entry = ::readdir(folder.get())) != nullptr) {
+        struct stat info;
+        if (IsPutAside(name, entry->d_name) &&
+            ::fstatat(::dirfd(folder.get()), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(info.st_mode))
+            files.push_back({{info.st_mtim.tv_sec, info.st_mtim.tv_nsec}, entry->d_name});
+    }
+    return files;
+}
+
+/// Without looking away between the question whether `to` exists and the renaming, as far as the
+/// file system can do that.
+bool RenameWithLink(const char* from, const char* to)
+{
+    if (::link(from, to) == 0)
+        return ::unlink(from) == 0;
+    if (errno == EEXIST)
+        return false;
+    struct stat info;
+    if (::lstat(to, &info) == 0) {
+        errno = EEXIST;
+        return false;
+    }
+    return std::rename(from, to) == 0;
+}
+
+}  // namespace
+
+std::string impl::SizeRotationMark(long seconds)
+{
+    return FormatTime(seconds, "_%Y-%m-%d-%H-%M-%S", true);
+}
+
+std::string impl::TimeRotationMark(long seconds, Interval interval)
+{
+    switch (interval) {
+        case Interval::Daily:
+            return FormatTime(seconds, "_%Y-%m-%d", true);
+        case Interval::Weekly:
+            return FormatTime(seconds, "_%Y-W%U", true);
+        case Interval::Monthly:
+            return FormatTime(seconds, "_%Y-%m", true);
+        case Interval::None:
+            break;
+    }
+    return {};
+}
+
+long impl::EndOfPeriod(long seconds, Interval interval)
+{
+    // By asking for the mark itself, so that whatever the zone does at its midnights, file and
+    // name agree.
+    const std::string mark = TimeRotationMark(seconds, interval);
+    long inside = seconds;
+    long outside = seconds;
+    for (int day = 0; day < sDaysOfAnyPeriod && !mark.empty(); ++day) {
+        outside += sDaySeconds;
+        if (TimeRotationMark(outside, interval) != mark)
+            break;
+        inside = outside;
+    }
+    if (inside == outside)
+        return std::numeric_limits<long>::max();
+    while (outside - inside > 1) {
+        const long middle = inside + (outside - inside) / 2;
+        (TimeRotationMark(middle, interval) == mark ? inside : outside) = middle;
+    }
+    return outside;
+}
+
+bool impl::RenameToNew(const std::string& from, const std::string& to)
+{
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
+    const bool canTell = errno != EINVAL && errno != ENOSYS;
+    return !canTell && RenameWithLink(from.c_str(), to.c_str());
+}
+
+std::string impl::PutAside(const std::string& path, const std::string& mark)
+{
+    const Name name = Split(path);
+    std::string target = name.folder + name.stem + mark + name.extension;
+    for (unsigned long number = 1; !RenameToNew(path, target); ++number) {
+        if (errno != EEXIST)
+            return {};
+        target = name.folder + name.stem + mark + "-" + std::to_string(number) + name.extension;
+    }
+    return target;
+}
+
+std::string impl::RemoveOldest(const std::string& path, const std::string& newest, std::size_t keep)
+{
+    const Name name = Split(path);
+    std::vector<TimedName> files = FilesPutAside(name);
+    for (TimedName& file : files) {
+        if (name.folder + file.second == newest)
+            file.first.first = std::numeric_limits<long>::max();
+    }
+    std::sort(files.begin(), files.end());
+    std::string trouble;
+    for (std::size_t i = 0; i + keep < files.size(); ++i) {
+        const std::string file = name.folder + files[i].second;
+        if (::unlink(file.c_str()) != 0 && errno != ENOENT)
+            trouble = "Fail to remove previous log file '" + ToUtf8Path(file) +
+                      "' error was : " + SystemError(errno).toString();
+    }
+    return trouble;
+}
+
+}  // namespace ky
