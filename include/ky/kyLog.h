@@ -42,10 +42,11 @@ enum class kyLogLevel : int {
 ///
 /// At the full level any number of threads may log and configure. Entries are queued, and a thread
 /// of the log ("kyLog") writes them in batches, in order per thread. A producer waits only when it
-/// asks for a flush, and when more than 16 MiB of message bytes are queued; an entry costs some 200
-/// bytes beside its message, so a queue full of lines of 60 bytes takes about 75 MiB, one of lines
-/// of 10 bytes six times that. What is queued when the process exits is written by an exit hook as
-/// long as the writer makes progress, and what is queued when it crashes before it dies.
+/// asks for a flush, and when more than 16 MiB of message bytes are queued; an entry costs some 40
+/// bytes beside its texts, so a queue full of lines of 60 bytes takes about 28 MiB, one of lines of
+/// 10 bytes three times that; a custom handler's batch takes 200 bytes more for each. What is
+/// queued when the process exits is written by an exit hook as long as the writer makes progress,
+/// and what is queued when it crashes before it dies.
 ///
 /// In a child made by fork(2) the log writes on the caller's thread, under a lock; entries that the
 /// parent had queued are the parent's. Nothing there waits for a thread that does not exist.
@@ -206,7 +207,7 @@ private:
 
     static constexpr std::size_t sLevelCount = 6;
 
-    bool writeBatch(std::list<LogEntry>& batch, bool flushNow);
+    void writeBatch(std::list<LogEntry>& batch, bool flushNow);
 
     void configure(const std::function<void(kyLogParameters&)>& change);
     void writeFromCrash(std::string_view text);

@@ -84,10 +84,9 @@ void WriteLine(std::ostream& stream, std::string& line)
     line.pop_back();
 }
 
-void WriteLineInPieces(std::ostream& stream, const std::string& prefix, const std::string& message)
+void WriteLineInPieces(std::ostream& stream, std::string_view prefix, std::string_view message)
 {
-    for (const std::string_view piece :
-         {std::string_view(prefix), std::string_view(message), std::string_view("\n")})
+    for (const std::string_view piece : {prefix, message, std::string_view("\n")})
         Write(stream, piece);
 }
 

@@ -41,7 +41,7 @@ void AppendLogPrefix(std::string& out, int level, std::string_view subType,
     out.append(": ");
 }
 
-std::string LineWithRoom(const std::string& prefix, const std::string& message)
+std::string LineWithRoom(std::string_view prefix, std::string_view message)
 {
     std::string line;
     line.reserve(prefix.size() + message.size() + 1);

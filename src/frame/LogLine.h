@@ -19,7 +19,7 @@ void AppendLogPrefix(std::string& out, int level, std::string_view subType,
                      std::string_view threadId, std::optional<std::string_view> timeText);
 
 /// Prefix and message as one line, with room for the newline.
-std::string LineWithRoom(const std::string& prefix, const std::string& message);
+std::string LineWithRoom(std::string_view prefix, std::string_view message);
 
 /// Writes `line` and a newline in one piece, unformatted, and flushes. Waits for a slow reader. A
 /// failure is forgotten: the stream is left in the state that it had. Does nothing when the
@@ -27,7 +27,7 @@ std::string LineWithRoom(const std::string& prefix, const std::string& message);
 void WriteLine(std::ostream& stream, std::string& line);
 
 /// The same without memory for the whole line; other writers may come between the pieces.
-void WriteLineInPieces(std::ostream& stream, const std::string& prefix, const std::string& message);
+void WriteLineInPieces(std::ostream& stream, std::string_view prefix, std::string_view message);
 
 /// Cuts to the 16384 bytes that a system-log message may have, back to a whole UTF-8 code point.
 void CutToSystemLogSize(std::string& textUtf8);

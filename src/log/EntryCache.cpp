@@ -11,6 +11,7 @@ namespace ky::impl {
 namespace {
 
 constexpr std::size_t sKeptTextBytes = 512;
+constexpr std::size_t sMostOwn = 8;  // log objects within log objects
 
 // The thread's own entries. Not a thread-local list, because whoever logs after its destructor
 // would find it destroyed: the key's destructor comes after all of those, and leaves a mark.
@@ -55,11 +56,16 @@ Entries* Own()
     return &tOwn->entries;
 }
 
-void CleanText(std::string& text)
+/// Lets go of what memory is not worth keeping.
+void CleanEntry(kyLog::LogEntry& entry)
 {
-    if (text.capacity() > sKeptTextBytes)
-        std::string().swap(text);
-    text.clear();
+    for (std::string* text :
+         {&entry.message, &entry.subType, &entry.systemLogName, &entry.prefix, &entry.threadId}) {
+        if (text->capacity() > sKeptTextBytes)
+            std::string().swap(*text);
+        text->clear();
+    }
+    entry.level = kyLog::Suppressed;
 }
 
 }  // namespace
@@ -73,31 +79,16 @@ void TakeEntry(Entries& entries)
         entries.emplace_back();
 }
 
-void KeepEntries(Entries& entries, bool areClean)
+void KeepEntries(Entries& entries)
 {
     if (entries.empty())
         return;
     Entries* const own = Own();
-    if (own == nullptr || own->size() + entries.size() > sEntriesOfAChunk)
+    if (own == nullptr || own->size() + entries.size() > sMostOwn)
         return entries.clear();
-    if (!areClean) {
-        for (kyLog::LogEntry& entry : entries)
-            CleanEntry(entry);
-    }
+    for (kyLog::LogEntry& entry : entries)
+        CleanEntry(entry);
     own->splice(own->end(), entries);
-}
-
-bool WantsEntries() noexcept
-{
-    return !tHasEnded && (tOwn == nullptr || tOwn->entries.empty());
-}
-
-void CleanEntry(kyLog::LogEntry& entry)
-{
-    for (std::string* text :
-         {&entry.message, &entry.subType, &entry.systemLogName, &entry.prefix, &entry.threadId})
-        CleanText(*text);
-    entry.level = kyLog::Suppressed;
 }
 
 }  // namespace ky::impl

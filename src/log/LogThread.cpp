@@ -4,12 +4,9 @@
 #include "ky/kySystemUtils.h"
 
 #include "frame/Guard.h"
-#include "log/EntryCache.h"
 #include "log/LogWriter.h"
 #include "text/Charset.h"
 
-#include <algorithm>
-#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -19,16 +16,9 @@ namespace ky {
 namespace {
 
 constexpr std::size_t sMaxQueuedBytes = 16777216;
-constexpr int sGapLevel = std::numeric_limits<int>::min();
-constexpr std::size_t sMostChunks = 1024;  // of 32 entries, from one batch
-constexpr std::size_t sIdleChunks = 32;
+constexpr std::size_t sIdleChunks = 16;
 
 constinit thread_local const kyLogThread* tCurrent = nullptr;
-
-bool IsGap(const kyLog::LogEntry& entry)
-{
-    return entry.level == sGapLevel && entry.timeMs == 0 && entry.message.empty();
-}
 
 void Nap(long microseconds)
 {
@@ -79,20 +69,14 @@ bool kyLogThread::isCurrent() const
     return tCurrent == this;
 }
 
-bool kyLogThread::push(Batch& batch, bool flushNow)
+bool kyLogThread::push(kyLog::LogEntry& entry, bool flushNow)
 {
-    const std::size_t bytes = batch.front().message.size();
-    const bool wantsEntries = impl::WantsEntries();
     const impl::InsideLog inside;
     kyMutexLocker lock(mMutex, true);
     if (mEnded)
         return false;
-    mQueue.splice(mQueue.end(), batch);
-    mQueuedBytes += bytes;
-    if (wantsEntries && !mSpare.empty()) {
-        batch.swap(mSpare.back());
-        mSpare.pop_back();
-    }
+    mQueuedBytes += entry.message.size();
+    mQueue.add(entry, mSpare);
     const std::uint64_t ticket = ++mQueuedTicket;
     const bool wait = (flushNow || mQueuedBytes > sMaxQueuedBytes) && !mStopRequested;
     mFlushRequested = mFlushRequested || wait;
@@ -142,7 +126,7 @@ void kyLogThread::configure(kyLogParameters& parameters,
         adoptShared();
         return;
     }
-    mBeforeChange.splice(mBeforeChange.end(), mQueue);
+    mBeforeChange.splice(mQueue);
     mTicketBeforeChange = mQueuedTicket;
     mQueuedBytes = 0;
     const std::uint64_t made = ++mConfigured;
@@ -228,7 +212,8 @@ int kyLogThread::run()
 void kyLogThread::waitForWork(kyMutexLocker& lock)
 {
     while (!hasWork() && !mStopRequested) {
-        trimSpare();
+        // A burst that is over does not hold its memory.
+        mSpare.trim(sIdleChunks);
         mIdle = true;
         mWork.wait(mMutex);
     }
@@ -252,16 +237,14 @@ void kyLogThread::writeRound(kyMutexLocker& lock)
     if (!changing)
         mQueuedBytes = 0;
     mIsWriting.store(true, std::memory_order_relaxed);
-    if (std::exchange(mHasGaps, false))
-        mInWork.remove_if(&IsGap);
     lock.unlock();
     if (!mInWork.empty()) {
         const auto write = [](void* self) {
             auto& thread = *static_cast<kyLogThread*>(self);
-            kyLog::WriteImpl(thread.mWorking, thread.mInWork);
+            impl::WriteQueue(thread.mWorking, thread.mInWork);
         };
         exception::impl::ExecGuardedCode(write, this);
-        recycleWritten();
+        mInWork.release(mEmptied);
         // Rarely there, and before anybody learns that the batch is written: whoever terminates
         // the library flushes first, and then the converters of other threads are lost.
         impl::CloseConvertersOfThisThread();
@@ -272,9 +255,7 @@ void kyLogThread::writeRound(kyMutexLocker& lock)
     if (isInherited())
         return;
     lock.lock();
-    if (mSpare.size() < sMostChunks)
-        std::move(mCleaned.begin(), mCleaned.end(), std::back_inserter(mSpare));
-    mCleaned.clear();
+    mSpare.splice(mEmptied);
     mWrittenTicket = ticket;
     mChangedByHandler = false;
     mFlushRequested = mFlushRequested && hasWork();
@@ -289,26 +270,6 @@ void kyLogThread::writeRound(kyMutexLocker& lock)
         Nap(200);
         lock.lock();
     }
-}
-
-/// Without the lock. What producers will hardly need before it is written again is destroyed.
-void kyLogThread::recycleWritten()
-{
-    while (!mInWork.empty() && mCleaned.size() < sMostChunks) {
-        Batch& chunk = mCleaned.emplace_back();
-        auto end = mInWork.begin();
-        for (std::size_t i = 0; i < impl::sEntriesOfAChunk && end != mInWork.end(); ++i, ++end)
-            impl::CleanEntry(*end);
-        chunk.splice(chunk.end(), mInWork, mInWork.begin(), end);
-    }
-    mInWork.clear();
-}
-
-/// With the lock, before a wait without limit: a burst that is over does not hold its memory.
-void kyLogThread::trimSpare()
-{
-    if (mSpare.size() > sIdleChunks)
-        mSpare.resize(sIdleChunks);
 }
 
 bool kyLogThread::lockWithin(unsigned long patienceMs)
@@ -388,7 +349,7 @@ bool kyLogThread::writeFromCrash(Batch& batch, unsigned long patienceMs)
         return false;
     }
     mQueuedBytes += batch.front().message.size();
-    mQueue.splice(mQueue.end(), batch);
+    mQueue.add(batch.front(), mSpare);
     ++mQueuedTicket;
     mMutex.unlock();
     return flushWhileItGoesOn(patienceMs);
@@ -408,20 +369,8 @@ bool kyLogThread::endHere(unsigned long patienceMs)
 
 void kyLogThread::writeRestHere()
 {
-    for (Batch* const queue : {&mBeforeChange, &mQueue}) {
-        // Only forward pointers are followed and nothing is unlinked: the crash may have hit in
-        // the middle of an insertion at the end. The gaps go when the log goes on.
-        Batch rest;
-        for (kyLog::LogEntry& entry : *queue) {
-            if (IsGap(entry))
-                continue;
-            rest.push_back(std::exchange(entry, kyLog::LogEntry()));
-            entry.level = sGapLevel;
-            mHasGaps = true;
-        }
-        if (!rest.empty())
-            kyLog::WriteImpl(mWorking, rest);
-    }
+    for (impl::EntryQueue* const queue : {&mBeforeChange, &mQueue})
+        impl::WriteQueue(mWorking, *queue);
 }
 
 }  // namespace ky

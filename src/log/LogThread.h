@@ -4,13 +4,13 @@
 #include "ky/kyMutex.h"
 #include "ky/kyThread.h"
 
+#include "log/EntryQueue.h"
 #include "log/Event.h"
 #include "log/LogParameters.h"
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <vector>
 
 namespace ky {
 
@@ -25,10 +25,10 @@ public:
     /// Writes what is queued, then ends the thread.
     ~kyLogThread() override;
 
-    /// Queues the only entry of `batch`, which comes back with clean entries or none. Waits until
-    /// it is written when `flushNow` is set or more than 16 MiB of messages are queued, unless the
-    /// thread is stopping. False, with the entry still in `batch`, when the thread has ended.
-    bool push(std::list<kyLog::LogEntry>& batch, bool flushNow);
+    /// Queues `entry`, which may be moved from. Waits until it is written when `flushNow` is set or
+    /// more than 16 MiB of messages are queued, unless the thread is stopping. False, with the
+    /// entry as it was, when the thread has ended.
+    bool push(kyLog::LogEntry& entry, bool flushNow);
 
     /// Waits until everything queued before the call is written. Not on the log thread itself, nor
     /// while it is stopping.
@@ -79,8 +79,6 @@ private:
     void waitForWork(kyMutexLocker& lock);
     void writeRound(kyMutexLocker& lock);
     void wake();
-    void recycleWritten();
-    void trimSpare();
     void waitUntil(const std::function<bool()>& done);
     bool lockWithin(unsigned long patienceMs);
     template <typename Condition>
@@ -93,8 +91,9 @@ private:
     impl::Event mFlushed;
 
     // All under mMutex.
-    Batch mQueue;
-    Batch mBeforeChange;  // queued before the change of configuration that the writer has to adopt
+    impl::EntryQueue mQueue;
+    impl::EntryQueue
+        mBeforeChange;  // queued before the change of configuration that the writer has to adopt
     std::size_t mQueuedBytes = 0;
     std::uint64_t mQueuedTicket = 0;
     std::uint64_t mTicketBeforeChange = 0;
@@ -102,9 +101,8 @@ private:
     std::uint64_t mConfigured = 0;  // changes made
     std::uint64_t mAdopted = 0;     // changes that the writer works with
     kyLogParameters mShared;
-    std::vector<Batch> mSpare;  // chunks of clean entries for producers
+    impl::EntryChunks mSpare;
     unsigned int mWaiters = 0;
-    bool mHasGaps = false;  // a crash handler has written entries that are still in a queue
     bool mChangedByHandler = false;  // in the round that is being written
     bool mIdle = false;
     bool mFlushRequested = false;
@@ -117,8 +115,8 @@ private:
     // Set by a crash handler that needs the lock between two rounds.
     std::atomic<bool> mPauseRequested{false};
     kyLogParameters mWorking;
-    Batch mInWork;
-    std::vector<Batch> mCleaned;
+    impl::EntryQueue mInWork;
+    impl::EntryChunks mEmptied;
 };
 
 }  // namespace ky

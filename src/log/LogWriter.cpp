@@ -5,6 +5,7 @@
 
 #include "frame/LogLine.h"
 #include "frame/ThreadId.h"
+#include "log/EntryQueue.h"
 #include "log/LogParameters.h"
 #include "log/LogTime.h"
 
@@ -49,30 +50,28 @@ public:
 /// One call of the writer, linked to the one that it interrupts: a notice within a batch, a line
 /// that a custom handler logs.
 struct Writing {
-    Writing(kyLogParameters& p, Batch& b) noexcept;
-    ~Writing();
+    explicit Writing(kyLogParameters& p) noexcept : parameters(p), outer(tWriting)
+    {
+        tWriting = this;
+    }
+    virtual ~Writing() { tWriting = outer; }
     Writing(const Writing&) = delete;
     Writing& operator=(const Writing&) = delete;
 
+    /// Writes what is left, from the beginning or after an interruption.
+    virtual void finish() = 0;
+
     kyLogParameters& parameters;
-    Batch& batch;
-    Batch::iterator next;
-    bool isHandedOver = false;
+
+private:
+    friend void impl::FinishInterruptedBatch();
+
+    static constinit thread_local Writing* tWriting;
+
     Writing* const outer;
 };
 
-constinit thread_local Writing* tWriting = nullptr;
-
-Writing::Writing(kyLogParameters& p, Batch& b) noexcept
-    : parameters(p), batch(b), next(b.begin()), outer(tWriting)
-{
-    tWriting = this;
-}
-
-Writing::~Writing()
-{
-    tWriting = outer;
-}
+constinit thread_local Writing* Writing::tWriting = nullptr;
 
 void CallHandler(const kyLogParameters& parameters, Batch& batch, Batch* heldBack)
 {
@@ -97,9 +96,16 @@ void HandOver(const kyLogParameters& parameters, Batch& batch)
         CallHandler(parameters, heldBack, nullptr);
 }
 
-bool IsFiltered(const kyLogParameters& parameters, const kyLog::LogEntry& entry)
+bool IsFiltered(const kyLogParameters& parameters, int level, std::string_view subType)
 {
-    return entry.level == kyLog::Debug && parameters.mDisabledSubTypes.count(entry.subType) != 0;
+    return level == kyLog::Debug && parameters.mDisabledSubTypes.count(subType) != 0;
+}
+
+void MakePrefix(std::string& prefix, const impl::EntryView& entry)
+{
+    prefix.clear();
+    impl::AppendLogPrefix(prefix, entry.level, entry.subType, entry.threadId,
+                          impl::LogTime(static_cast<long>(entry.timeMs / 1000UL)));
 }
 
 void WriteNotice(kyLogParameters& parameters)
@@ -113,36 +119,35 @@ void WriteNotice(kyLogParameters& parameters)
     kyLog::WriteImpl(parameters, notice);
 }
 
-void Echo(const kyLog::LogEntry& entry)
+void Echo(std::string_view prefix, std::string_view message)
 {
     try {
-        std::string line = impl::LineWithRoom(entry.prefix, entry.message);
+        std::string line = impl::LineWithRoom(prefix, message);
         impl::WriteLine(std::cout, line);
     } catch (const std::bad_alloc&) {
         // One line that did not find the memory for its copy must not cost the others.
-        impl::WriteLineInPieces(std::cout, entry.prefix, entry.message);
+        impl::WriteLineInPieces(std::cout, prefix, message);
     }
 }
 
-void WriteEntry(kyLogParameters& parameters, kyLog::LogEntry& entry)
+/// Makes the prefix of a filtered entry too: the custom handler sees the whole batch.
+void WriteEntry(kyLogParameters& parameters, const impl::EntryView& entry, std::string& prefix)
 {
-    const bool filtered = IsFiltered(parameters, entry);
+    const bool filtered = IsFiltered(parameters, entry.level, entry.subType);
     try {
         // Notices are about the writer's own doing and come before the entry that shows it.
         if (!filtered && !parameters.mPendingNotice.empty())
             WriteNotice(parameters);
-        // A filtered entry gets its prefix too: the custom handler sees the whole batch.
-        entry.computeLogPrefix(true);
+        MakePrefix(prefix, entry);
     } catch (const std::bad_alloc&) {
         // The message says more than nothing.
     }
     if (filtered)
         return;
     if (parameters.echoesToConsole())
-        Echo(entry);
+        Echo(prefix, entry.message);
     if (parameters.mFile)
-        parameters.mFile->append(static_cast<long>(entry.timeMs / 1000UL), entry.prefix,
-                                 entry.message);
+        parameters.mFile->append(static_cast<long>(entry.timeMs / 1000UL), prefix, entry.message);
 }
 
 void CommitFile(kyLogParameters& parameters)
@@ -153,19 +158,52 @@ void CommitFile(kyLogParameters& parameters)
     parameters.mPendingNotice += parameters.mFile->takeNotice();
 }
 
-void Finish(Writing& writing)
-{
-    // The position moves on after the writing, so that a crash in between repeats a line rather
-    // than losing it.
-    for (; writing.next != writing.batch.end(); ++writing.next) {
-        WriteEntry(writing.parameters, *writing.next);
+class BatchWriting : public Writing {
+public:
+    BatchWriting(kyLogParameters& p, Batch& batch) noexcept
+        : Writing(p), mBatch(batch), mNext(batch.begin())
+    {}
+
+    void finish() override
+    {
+        // The position moves on after the writing, so that a crash in between repeats a line
+        // rather than losing it.
+        for (; mNext != mBatch.end(); ++mNext) {
+            WriteEntry(parameters, impl::EntryView(*mNext), mNext->prefix);
+            CountProgress();
+        }
+        CommitFile(parameters);
+        if (!std::exchange(mIsHandedOver, true))
+            HandOver(parameters, mBatch);
         CountProgress();
     }
-    CommitFile(writing.parameters);
-    if (!std::exchange(writing.isHandedOver, true))
-        HandOver(writing.parameters, writing.batch);
-    CountProgress();
-}
+
+private:
+    Batch& mBatch;
+    Batch::iterator mNext;
+    bool mIsHandedOver = false;
+};
+
+/// Without a custom handler nobody needs the entries themselves.
+class QueueWriting : public Writing {
+public:
+    QueueWriting(kyLogParameters& p, impl::EntryQueue& queue) noexcept : Writing(p), mQueue(queue)
+    {}
+
+    void finish() override
+    {
+        for (; !mQueue.empty(); mQueue.pop()) {
+            WriteEntry(parameters, mQueue.front(), mPrefix);
+            CountProgress();
+        }
+        CommitFile(parameters);
+        CountProgress();
+    }
+
+private:
+    impl::EntryQueue& mQueue;
+    std::string mPrefix;
+};
 
 }  // namespace
 
@@ -189,8 +227,8 @@ unsigned long impl::WriterProgress() noexcept
 
 void impl::FinishInterruptedBatch()
 {
-    for (Writing* writing = tWriting; writing != nullptr; writing = writing->outer)
-        Finish(*writing);
+    for (Writing* writing = Writing::tWriting; writing != nullptr; writing = writing->outer)
+        writing->finish();
 }
 
 void kyLog::LogEntry::computeLogPrefix(bool withTime)
@@ -205,8 +243,17 @@ void kyLog::LogEntry::computeLogPrefix(bool withTime)
 void kyLog::WriteImpl(kyLogParameters& parameters, std::list<LogEntry>& batch)
 {
     const impl::InsideLog inside;
-    Writing writing(parameters, batch);
-    Finish(writing);
+    BatchWriting(parameters, batch).finish();
+}
+
+void impl::WriteQueue(kyLogParameters& parameters, EntryQueue& queue)
+{
+    const InsideLog inside;
+    if (parameters.mHandler == nullptr)
+        return QueueWriting(parameters, queue).finish();
+    Batch batch;
+    queue.moveTo(batch);
+    BatchWriting(parameters, batch).finish();
 }
 
 std::string impl::SystemLogText(const kyLog::LogEntry& entry)

@@ -6,6 +6,8 @@
 
 namespace ky::impl {
 
+class EntryQueue;
+
 /// Marks that the calling thread is in the middle of the log's own work, for a crash handler that
 /// interrupts it there.
 class InsideLog {
@@ -33,6 +35,9 @@ bool IsHandlerRunning() noexcept;
 
 /// `kyLog::WriteImpl` to all sinks but the custom handler.
 void WriteWithoutHandler(kyLogParameters& parameters, std::list<kyLog::LogEntry>& batch);
+
+/// Writes and removes all that `queue` holds, as `kyLog::WriteImpl` does.
+void WriteQueue(kyLogParameters& parameters, EntryQueue& queue);
 
 /// Grows with every entry written and every batch handed over, whoever did it.
 unsigned long WriterProgress() noexcept;

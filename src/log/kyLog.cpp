@@ -185,26 +185,21 @@ void kyLog::Write(LogEntry& entry, bool flushNow)
     writeBatch(batch, flushNow);
 }
 
-bool kyLog::writeBatch(std::list<LogEntry>& batch, bool flushNow)
+void kyLog::writeBatch(std::list<LogEntry>& batch, bool flushNow)
 {
-    if (!mThread) {
-        WriteImpl(*mParameters, batch);
-        return false;
-    }
+    if (!mThread)
+        return WriteImpl(*mParameters, batch);
     if (!mThread->isInherited()) {
-        if (mThread->isCurrent()) {
-            mThread->writeOwn(batch);
-            return false;
-        }
-        if (mThread->push(batch, flushNow)) {
+        if (mThread->isCurrent())
+            return mThread->writeOwn(batch);
+        if (mThread->push(batch.front(), flushNow)) {
             if (sExiting.load(std::memory_order_relaxed))
                 FlushAtExit();
-            return true;
+            return;
         }
     }
     const ChildLock lock;
     WriteImpl(*mParameters, batch);
-    return false;
 }
 
 void kyLog::ReportFromCrash(std::string_view text)

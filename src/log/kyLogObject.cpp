@@ -46,7 +46,6 @@ void kyLogObject::emit() noexcept
 {
     const impl::Undisturbed undisturbed;
     mActive = false;
-    bool isQueued = false;
     if (mInserted) {
         kyLog::LogEntry& entry = mEntry.front();
         if (mLog != kyLog::Instance())
@@ -58,14 +57,14 @@ void kyLogObject::emit() noexcept
         if (toSystemLog)
             kyLog::WriteToSystemLog(entry, mLog == nullptr);
         if (mLog != nullptr) {
-            isQueued = mLog->writeBatch(mEntry, mFlushNow);
+            mLog->writeBatch(mEntry, mFlushNow);
         } else if (!toSystemLog) {
             std::string line = impl::LineWithRoom(entry.prefix, entry.message);
             impl::WriteLine(std::cout, line);
         }
     }
-    // Written, taken by a custom handler, or exchanged for clean ones by the queue.
-    impl::KeepEntries(mEntry, isQueued);
+    // Unless a custom handler has taken it.
+    impl::KeepEntries(mEntry);
     mEntry.~list();
 }
 
