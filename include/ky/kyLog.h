@@ -156,6 +156,9 @@ public:
     /// The path as it was installed; empty when there is no log file.
     std::string getCurrentLogFileNameUtf8();
 
+    /// How many lines the log file has lost since it was installed.
+    unsigned long getLostLineCount();
+
     /// Returns when everything logged before has reached its sinks; at once on the log's own
     /// thread, that is in a custom handler.
     void flush();

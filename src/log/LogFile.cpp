@@ -140,8 +140,9 @@ struct LogFile::State {
     std::string head;
     bool tellsLoss = false;
 
-    bool isFailing = false;
+    int error = 0;  // of the last write
     unsigned long lost = 0;
+    unsigned long reportedLost = 0;
     unsigned long reportedMs = 0;
     std::string notice;
 };
@@ -150,7 +151,17 @@ LogFile::LogFile(const LogFileSettings& settings)
     : mSettings(settings), mState(std::make_unique_for_overwrite<State>())
 {}
 
-LogFile::~LogFile() = default;
+LogFile::~LogFile()
+{
+    if (mState->lost == mState->reportedLost || mState->processId != CachedProcessId())
+        return;
+    try {
+        mState->reportedMs = 0;
+        reportLoss();
+    } catch (const std::bad_alloc&) {
+        // Told before, if not for all of them.
+    }
+}
 
 std::shared_ptr<LogFile> LogFile::Open(const LogFileSettings& settings, std::string* error)
 {
@@ -352,9 +363,7 @@ void LogFile::commitLocked()
     else if (mState->previous)
         finishRotation();
     if (error != 0)
-        reportTrouble("Fail to write to log file '" + mSettings.pathUtf8 + "', " +
-                          std::to_string(mState->lost) + " lines are lost",
-                      error);
+        reportLoss();
 }
 
 /// Whoever renames or removes the file wants a new one. What is open stays in use until a new one
@@ -385,7 +394,7 @@ void LogFile::lookAtPath()
 bool LogFile::isRotationDue() const
 {
     const State& state = *mState;
-    if (!state.isRegular || !state.isAtPath || state.isFailing || state.size == 0)
+    if (!state.isRegular || !state.isAtPath || state.error != 0 || state.size == 0)
         return false;
     const unsigned long sizeAfter = static_cast<unsigned long>(state.size) + state.text.bytes();
     const unsigned long most = mSettings.maxFileSizeBytes;
@@ -472,11 +481,16 @@ void LogFile::settle(std::size_t written, int error) noexcept
     const std::size_t head = state.head.size();
     if (written != 0)
         state.isTorn = LastByte(written, state.head, state.text.pieces()) != '\n';
-    if (std::exchange(state.tellsLoss, false) && written >= head)
+    if (std::exchange(state.tellsLoss, false) && written >= head) {
         state.lost = 0;
-    state.lost += state.text.lines() - state.text.linesWithin(written - std::min(written, head));
+        state.reportedLost = 0;
+    }
+    const std::size_t lost =
+        state.text.lines() - state.text.linesWithin(written - std::min(written, head));
+    state.lost += lost;
+    mLostInAll.fetch_add(lost, std::memory_order_relaxed);
     state.size += static_cast<long>(written);
-    state.isFailing = error != 0;
+    state.error = error;
     state.text.clear();
     state.isWriting = false;
     keepTime();
@@ -496,6 +510,13 @@ void LogFile::keepTime() const
     static_cast<void>(::futimens(state.fd.get(), times));
 }
 
+void LogFile::reportLoss()
+{
+    reportTrouble("Fail to write to log file '" + mSettings.pathUtf8 + "', " +
+                      std::to_string(mState->lost) + " lines are lost",
+                  mState->error);
+}
+
 void LogFile::reportTrouble(const std::string& what, int error)
 {
     State& state = *mState;
@@ -503,6 +524,7 @@ void LogFile::reportTrouble(const std::string& what, int error)
     if (state.reportedMs != 0 && now - state.reportedMs < sReportPeriodMs)
         return;
     state.reportedMs = now;
+    state.reportedLost = state.lost;
     std::string line;
     AppendLogPrefix(line, kyLog::Critical, {}, {}, LogTime(NowSeconds()));
     line.append(what + " error was : " + SystemError(error).toString());

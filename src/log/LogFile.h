@@ -5,6 +5,7 @@
 #include "fs/ScopedHandles.h"
 #include "thread/SystemLock.h"
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -46,6 +47,9 @@ public:
 
     void commit() noexcept;
 
+    /// Lines since the opening. Any thread.
+    unsigned long lostLines() const { return mLostInAll.load(std::memory_order_relaxed); }
+
     /// What the file has to say about itself since the last call; empty most of the time.
     std::string takeNotice() noexcept;
 
@@ -74,12 +78,14 @@ private:
     void makeHead();
     void settle(std::size_t written, int error) noexcept;
     void keepTime() const;
+    void reportLoss();
     void reportTrouble(const std::string& what, int error);
 
     const LogFileSettings mSettings;
     std::string mPath;  // in the local set and absolute
     std::unique_ptr<SystemLock> mLock;
     std::unique_ptr<State> mState;
+    std::atomic<unsigned long> mLostInAll{0};
     const State* mParents = nullptr;  // a fork may have found it half changed
 };
 

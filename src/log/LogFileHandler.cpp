@@ -90,4 +90,13 @@ std::string kyLog::getCurrentLogFileNameUtf8()
     return path;
 }
 
+unsigned long kyLog::getLostLineCount()
+{
+    unsigned long lost = 0;
+    configure([&](const kyLogParameters& parameters) {
+        lost = parameters.mFile ? parameters.mFile->lostLines() : 0;
+    });
+    return lost;
+}
+
 }  // namespace ky

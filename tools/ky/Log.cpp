@@ -26,7 +26,18 @@ struct Options {
     std::string subType;
     std::string systemLogName;
     bool quiet = false;
+    std::string logFile;
+    bool replace = false;
+    bool shared = false;
+    unsigned int maxFiles = 0;
+    unsigned long maxSizeBytes = 0;
+    kyLog::TimeRotationInterval interval = kyLog::TimeRotationInterval::None;
 };
+
+const std::map<std::string, kyLog::TimeRotationInterval> sIntervals = {
+    {"daily", kyLog::TimeRotationInterval::Daily},
+    {"weekly", kyLog::TimeRotationInterval::Weekly},
+    {"monthly", kyLog::TimeRotationInterval::Monthly}};
 
 const std::map<std::string, int> sLevels = {
     {"dev", kyLog::Dev},   {"trace", kyLog::Trace},     {"debug", kyLog::Debug},
@@ -81,13 +92,27 @@ bool OutputFailed()
     return output != nullptr && output->error() != 0;
 }
 
+bool IsSameFile(const struct ::stat& one, const struct ::stat& other)
+{
+    return S_ISREG(one.st_mode) && one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 /// Whether what is logged would be read again: a file that is standard output too never ends.
 bool IsOutputToo(int fd)
 {
     struct ::stat input = {};
     struct ::stat output = {};
     return ::fstat(fd, &input) == 0 && ::fstat(STDOUT_FILENO, &output) == 0 &&
-           S_ISREG(input.st_mode) && input.st_dev == output.st_dev && input.st_ino == output.st_ino;
+           IsSameFile(input, output);
+}
+
+/// Before the log file is opened, which may remove what was there.
+bool IsLogFileToo(const std::string& path, const std::string& logFile)
+{
+    struct ::stat input = {};
+    struct ::stat output = {};
+    const int found = path == "-" ? ::fstat(STDIN_FILENO, &input) : ::stat(path.c_str(), &input);
+    return found == 0 && ::stat(logFile.c_str(), &output) == 0 && IsSameFile(input, output);
 }
 
 bool LogLines(int fd, const std::string& name, const Options& options)
@@ -129,10 +154,39 @@ bool LogFile(const std::string& path, const Options& options)
     return good;
 }
 
+/// True without a log file too.
+bool InstallLogFile(kyLog& log, const Options& options)
+{
+    const std::string& path = options.logFile;
+    if (path.empty())
+        return true;
+    for (const std::string& input : options.files) {
+        if (!IsLogFileToo(input, path))
+            continue;
+        PrintError("Not logged, because it is the log file too: " + input, EINVAL);
+        return false;
+    }
+    const std::size_t base = path.rfind('/') + 1;
+    unsigned int flags = options.replace ? 0U : kyLog::FileAppend;
+    if (options.shared)
+        flags |= kyLog::FileShared;
+    std::string error;
+    if (log.installFileHandlerExUtf8(base == 0 ? "." : path.substr(0, base), path.substr(base),
+                                     flags, options.maxFiles, options.maxSizeBytes,
+                                     options.interval, &error))
+        return true;
+    std::cerr << "ky: " << error << '\n';
+    return false;
+}
+
 int RunLog(const Options& options)
 {
     initializeKySystem(InitType::Light, false);
     kyLog& log = *kyLog::Instance();
+    if (!InstallLogFile(log, options)) {
+        terminateKySystem();
+        return sFailure;
+    }
     if (options.level == kyLog::Dev || options.level == kyLog::Debug)
         log.setLogLevel(kyLogLevel::Debug);
     else if (options.level == kyLog::Trace)
@@ -143,6 +197,7 @@ int RunLog(const Options& options)
     for (const std::string& path : options.files)
         if (!OutputFailed())
             good = LogFile(path, options) && good;
+    good = log.getLostLineCount() == 0 && good;
     terminateKySystem();
     return good ? sSuccess : sFailure;
 }
@@ -168,6 +223,29 @@ void AddLog(CLI::App& app, int& exitCode)
                      "name")
         ->type_name("NAME");
     command->add_flag("-q,--quiet", options->quiet, "No echo to standard output");
+    auto* const file =
+        command->add_option("-f,--file", options->logFile, "Also append each line to this log file")
+            ->type_name("PATH");
+    command->add_flag("--replace", options->replace, "Begin with an empty log file")->needs(file);
+    command
+        ->add_flag("--shared", options->shared,
+                   "Share the log file with other processes that say so too")
+        ->needs(file);
+    command
+        ->add_option("--max-size", options->maxSizeBytes,
+                     "Put the log file aside before it gets larger, as in 500K or 20M")
+        ->transform(CLI::AsSizeValue(false))
+        ->type_name("BYTES")
+        ->needs(file);
+    command->add_option("--rotate", options->interval, "Put it aside daily, weekly or monthly")
+        ->transform(CLI::CheckedTransformer(sIntervals, CLI::ignore_case))
+        ->type_name("INTERVAL")
+        ->needs(file);
+    command
+        ->add_option("--max-files", options->maxFiles,
+                     "Keep at most so many files, the current one included")
+        ->type_name("COUNT")
+        ->needs(file);
     command->callback([options, &exitCode] {
         if (options->files.empty())
             options->files.emplace_back("-");
