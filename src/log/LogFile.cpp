@@ -37,6 +37,7 @@ constexpr int sOpenFlags = O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 constexpr mode_t sMode = 0666;
 constexpr long sDaySeconds = 86400;
 constexpr long sNever = std::numeric_limits<long>::max();
+constexpr long sAlways = std::numeric_limits<long>::min() + sDaySeconds;
 constexpr unsigned long sReportPeriodMs = 60000;
 
 bool FailWith(std::string* error, const char* what, const std::string& path, int errorNumber)
@@ -122,7 +123,7 @@ struct LogFile::State {
     bool raisesSignals = false;
 
     // Of the file's lines: a time that they were written at, and when their period is over.
-    long period = 0;
+    long period = sAlways;
     long periodEnd = sNever;
 
     // While a file is put aside and nothing has been written yet to the one that follows it.
@@ -253,6 +254,7 @@ void LogFile::adopt(ScopedFd fd)
     state.isAtPath = true;
     state.isTorn = false;
     state.raisesSignals = !state.isRegular || limit.rlim_cur != RLIM_INFINITY;
+    state.period = sAlways;
     state.periodEnd = sNever;
     state.size = 0;
     if (!state.isRegular)
@@ -302,14 +304,12 @@ void LogFile::append(long seconds, std::string_view prefix, std::string_view mes
         renewAfterFork();
     State& state = *mState;
     const std::size_t bytes = prefix.size() + message.size() + 1;
-    const bool crossesPeriod = seconds >= state.periodEnd && state.firstSeconds < state.periodEnd;
+    const bool startsPeriod = !isInPeriod(seconds) && isInPeriod(state.firstSeconds);
     if (state.text.lines() != 0 &&
-        (crossesPeriod || !state.text.hasRoomFor(bytes) || state.text.bytes() + bytes > room()))
+        (startsPeriod || !state.text.hasRoomFor(bytes) || state.text.bytes() + bytes > room()))
         commit();
     if (state.text.lines() == 0) {
-        // A line that is late by less than a day belongs to the present file.
-        const bool wasClockSetBack = seconds < state.period - sDaySeconds;
-        if (state.size == 0 || wasClockSetBack)
+        if (state.size == 0)
             setPeriod(seconds);
         state.firstSeconds = seconds;
     }
@@ -318,6 +318,13 @@ void LogFile::append(long seconds, std::string_view prefix, std::string_view mes
         return state.text.add(prefix, message);
     state.text.setLong(prefix, message);
     commit();
+}
+
+/// A line that is late by less than a day belongs to the present file; if it is more, the clock was
+/// set back.
+bool LogFile::isInPeriod(long seconds) const
+{
+    return seconds < mState->periodEnd && seconds >= mState->period - sDaySeconds;
 }
 
 /// How much text may be gathered without reaching beyond the largest size of a file.
@@ -398,16 +405,15 @@ bool LogFile::isRotationDue() const
         return false;
     const unsigned long sizeAfter = static_cast<unsigned long>(state.size) + state.text.bytes();
     const unsigned long most = mSettings.maxFileSizeBytes;
-    return (most != 0 && sizeAfter > most) || state.firstSeconds >= state.periodEnd;
+    return (most != 0 && sizeAfter > most) || !isInPeriod(state.firstSeconds);
 }
 
 void LogFile::rotate()
 {
     State& state = *mState;
-    const bool isPeriodOver = state.firstSeconds >= state.periodEnd;
-    state.putAside =
-        PutAside(mPath, isPeriodOver ? TimeRotationMark(state.period, mSettings.interval)
-                                     : SizeRotationMark(state.firstSeconds));
+    state.putAside = PutAside(mPath, isInPeriod(state.firstSeconds)
+                                         ? SizeRotationMark(state.firstSeconds)
+                                         : TimeRotationMark(state.period, mSettings.interval));
     if (state.putAside.empty())
         return reportTrouble("Fail to rename log file '" + mSettings.pathUtf8 + "'", errno);
     struct stat old = {};

@@ -67,6 +67,7 @@ private:
     void lookAtPath();
     void lookAtEnd(long size);
     void setPeriod(long seconds);
+    bool isInPeriod(long seconds) const;
     std::size_t room() const;
     bool isRotationDue() const;
     void rotate();

@@ -1,0 +1,438 @@
+#include "ky/kyLog.h"
+#include "ky/kySystem.h"
+
+#include "support/Child.h"
+#include "support/Library.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <numeric>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+
+using ky::kyLog;
+using ky::kyLogObject;
+using Interval = ky::kyLog::TimeRotationInterval;
+using Messages = std::vector<std::string>;
+namespace fs = std::filesystem;
+
+namespace {
+
+/// What stands behind the prefixes, line by line.
+Messages MessagesIn(const fs::path& path)
+{
+    Messages messages;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t colon = line.find(" : ");
+        messages.push_back(colon == std::string::npos ? "?" + line : line.substr(colon + 3));
+    }
+    return messages;
+}
+
+std::map<std::string, Messages> FilesIn(const fs::path& folder)
+{
+    std::map<std::string, Messages> files;
+    for (const auto& entry : fs::directory_iterator(folder))
+        files[entry.path().filename()] = MessagesIn(entry);
+    return files;
+}
+
+void Log(const std::string& message)
+{
+    kyLogObject(kyLog::Info) << message;
+}
+
+/// A line of the local time `time`, "2031-12-31 23:59:59".
+void LogAt(const char* time, const std::string& message)
+{
+    std::tm fields = {};
+    ASSERT_NE(::strptime(time, "%Y-%m-%d %H:%M:%S", &fields), nullptr);
+    fields.tm_isdst = -1;
+    kyLog::LogEntry entry;
+    entry.level = kyLog::Info;
+    entry.message = message;
+    entry.timeMs = static_cast<unsigned long>(std::mktime(&fields)) * 1000 + 999;
+    kyLog::Instance()->Write(entry, false);
+}
+
+/// Every message of all files, which carry numbers from 1 on, once.
+void ExpectNumbers(const std::map<std::string, Messages>& files, int count)
+{
+    std::vector<int> found;
+    for (const auto& [name, messages] : files)
+        for (const std::string& message : messages)
+            found.push_back(std::atoi(message.c_str()));
+    std::sort(found.begin(), found.end());
+    std::vector<int> expected(static_cast<std::size_t>(count));
+    std::iota(expected.begin(), expected.end(), 1);
+    EXPECT_EQ(found, expected);
+}
+
+struct LogFile : ky::test::LightLibrary {
+    LogFile() { ::umask(022); }
+
+    bool install(unsigned int options = 0, unsigned int count = 0, unsigned long size = 0,
+                 Interval interval = Interval::None)
+    {
+        return log.installFileHandlerExUtf8(folder.path("logs"), "app.log", options, count, size,
+                                            interval, &error);
+    }
+
+    const ky::test::TemporaryFolder folder;
+    const fs::path logs = folder.path("logs");
+    const fs::path current = logs / "app.log";
+    kyLog& log = *kyLog::Instance();
+    std::string error = "before";
+};
+
+}  // namespace
+
+TEST_F(LogFile, GoesOnInAFileOrReplacesItAndEndsATornLine)
+{
+    fs::create_directory(logs);
+    std::ofstream(current) << "INFO : whole\nINFO : torn by a ki";
+    EXPECT_TRUE(log.installFileHandlerUtf8(current, &error));
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(log.getCurrentLogFileNameUtf8(), current);
+    ky::test::CaughtStream out(std::cout);
+    Log("next");
+    EXPECT_EQ(out.take(), "") << "installing a file turns the echo off";
+    EXPECT_TRUE(install(kyLog::FileAppend | kyLog::FileEchoToConsole));
+    Log("echoed");
+    EXPECT_NE(out.take(), "");
+    EXPECT_EQ(MessagesIn(current), (Messages{"whole", "torn by a ki", "next", "echoed"}));
+    EXPECT_TRUE(install(kyLog::FileShared));
+    EXPECT_TRUE(install());
+    Log("alone");
+    EXPECT_EQ(MessagesIn(current), Messages{"alone"});
+    log.removeFileHandler();
+    Log("nowhere");
+    EXPECT_EQ(log.getCurrentLogFileNameUtf8(), "");
+    EXPECT_EQ(MessagesIn(current), Messages{"alone"});
+    EXPECT_EQ(out.take(), "");
+}
+
+TEST_F(LogFile, KeepsEveryFileWithinItsSizeAndTheTotalWithinItsCount)
+{
+    ASSERT_TRUE(install(0, 3, 1024));
+    fs::permissions(current, fs::perms(0640));
+    std::ofstream(logs / "app_2026-01-01-00-00-00x.log") << "INFO : 0 is not ours\n";
+    for (int i = 1; i <= 100; ++i) {
+        LogAt("2031-05-06 07:08:09", std::to_string(i) + " " + std::string(300, 'x'));
+        ASSERT_LE(fs::file_size(current), 1024u);
+    }
+    LogAt("2031-05-06 07:08:10", "101 " + std::string(2000000, 'y'));
+    LogAt("2031-05-06 07:08:10", "102");
+    auto files = FilesIn(logs);
+    EXPECT_EQ(files.erase("app_2026-01-01-00-00-00x.log"), 1u);
+    ASSERT_EQ(files.size(), 3u);
+    EXPECT_EQ(files["app.log"], Messages{"102"});
+    EXPECT_EQ(files["app_2031-05-06-07-08-10.log"].size(), 2u);
+    EXPECT_EQ(files["app_2031-05-06-07-08-10-1.log"].at(0).size(), 2000004u)
+        << "too long, but whole";
+    struct stat info = {};
+    ASSERT_EQ(::stat(current.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0640u);
+
+    ASSERT_TRUE(install(0, 0, 1024));
+    for (int i = 1; i <= 40; ++i)
+        Log(std::to_string(i) + " " + std::string(900, 'z'));
+    files = FilesIn(logs);
+    for (const char* const other : {"app_2026-01-01-00-00-00x.log", "app_2031-05-06-07-08-10.log",
+                                    "app_2031-05-06-07-08-10-1.log"})
+        EXPECT_EQ(files.erase(other), 1u);
+    EXPECT_EQ(files.size(), 40u) << "rotations of one second must not overwrite each other";
+    ExpectNumbers(files, 40);
+}
+
+TEST(LogFileByTime, PutsEveryDayWeekAndMonthIntoAFileOfItsName)
+{
+    struct Line {
+        const char* time;
+        const char* file;  // null for the current one
+    };
+    struct Row {
+        const char* zone;
+        Interval interval;
+        std::vector<Line> lines;
+    };
+    const std::vector<Row> rows = {
+        {"Europe/Berlin",
+         Interval::Daily,
+         {{"2031-12-30 12:00:00", "app_2031-12-30.log"},
+          {"2031-12-31 00:00:00", "app_2031-12-31.log"},
+          {"2031-12-31 23:59:59", "app_2031-12-31.log"},
+          {"2032-01-01 00:00:00", nullptr},
+          {"2031-12-31 23:59:58", nullptr}}},  // late
+        // The nights in which the hour changes, one of 23 hours and one of 25.
+        {"Europe/Berlin",
+         Interval::Daily,
+         {{"2031-03-29 23:30:00", "app_2031-03-29.log"},
+          {"2031-03-30 23:59:59", "app_2031-03-30.log"},
+          {"2031-03-31 00:00:00", "app_2031-03-31.log"},
+          {"2031-10-26 00:00:01", "app_2031-10-26.log"},
+          {"2031-10-26 23:59:59", "app_2031-10-26.log"},
+          {"2031-10-27 00:00:00", nullptr}}},
+        // Midnight itself is left out or comes twice.
+        {"XXX5YYY,M3.2.0/0,M11.1.0/0",
+         Interval::Daily,
+         {{"2031-03-08 23:59:59", "app_2031-03-08.log"},
+          {"2031-03-09 01:00:00", "app_2031-03-09.log"},
+          {"2031-11-01 22:00:00", "app_2031-11-01.log"},
+          {"2031-11-02 12:00:00", nullptr}}},
+        // Weeks begin on Sunday, and a year with a week of its own.
+        {"UTC",
+         Interval::Weekly,
+         {{"2031-12-27 23:59:59", "app_2031-W51.log"},
+          {"2031-12-28 00:00:00", "app_2031-W52.log"},
+          {"2031-12-31 23:59:59", "app_2031-W52.log"},
+          {"2032-01-01 00:00:00", "app_2032-W00.log"},
+          {"2032-01-04 00:00:00", nullptr}}},
+        {"UTC",
+         Interval::Monthly,
+         {{"2031-02-01 00:00:00", "app_2031-02.log"},
+          {"2031-02-28 23:59:59", "app_2031-02.log"},
+          {"2031-03-01 00:00:00", "app_2031-03.log"},
+          {"2032-01-01 00:00:00", nullptr}}},
+        // A clock that is set back by a day and more: the name is taken the second time.
+        {"UTC",
+         Interval::Daily,
+         {{"2031-05-05 10:00:00", "app_2031-05-05.log"},
+          {"2031-05-06 10:00:00", "app_2031-05-06.log"},
+          {"2031-05-06 02:00:00", "app_2031-05-06.log"},
+          {"2031-05-04 09:00:00", "app_2031-05-04.log"},
+          {"2031-05-05 01:00:00", "app_2031-05-05-1.log"},
+          {"2031-05-06 01:00:00", nullptr}}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.zone) + " " + row.lines[0].time);
+        const auto result = ky::test::RunInChild([&] {
+            ::setenv("TZ", row.zone, 1);
+            ::tzset();
+            ky::initializeKySystem(ky::InitType::Light, false);
+            const ky::test::TemporaryFolder folder;
+            const auto install = [&] {
+                ASSERT_TRUE(kyLog::Instance()->installFileHandlerExUtf8(
+                    folder.path(""), "app.log", kyLog::FileAppend, 0, 0, row.interval));
+            };
+            install();
+            std::map<std::string, Messages> expected;
+            for (const Line& line : row.lines) {
+                LogAt(line.time, line.time);
+                expected[line.file != nullptr ? line.file : "app.log"].emplace_back(line.time);
+                // A new start finds the file's period in the file, unless the clock goes backwards.
+                if (&line == &row.lines[1])
+                    install();
+            }
+            EXPECT_EQ(FilesIn(folder.path("")), expected);
+            ky::terminateKySystem();
+        });
+        EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    }
+}
+
+TEST_F(LogFile, FollowsItsPathAndKeepsTheOldFileUntilThereIsANewOne)
+{
+    const fs::path aside = folder.path("aside");
+    ASSERT_TRUE(install());
+    Log("1");
+    fs::rename(current, aside);
+    Log("2");
+    EXPECT_EQ(MessagesIn(aside), Messages{"1"});
+    EXPECT_EQ(MessagesIn(current), Messages{"2"});
+    ky::test::CaughtStream err(std::cerr);
+    int number = 2;
+    const std::vector<std::function<void()>> obstacles = {
+        [&] { fs::create_directory(current); },
+        [&] { fs::create_symlink(folder.path("elsewhere"), current); },
+        [&] { ASSERT_EQ(::mkfifo(current.c_str(), 0600), 0); },
+    };
+    for (const auto& obstruct : obstacles) {
+        fs::rename(current, aside);
+        obstruct();
+        Log(std::to_string(++number));
+        EXPECT_EQ(MessagesIn(aside).back(), std::to_string(number));
+        fs::remove(current);
+        Log(std::to_string(++number));
+        EXPECT_EQ(MessagesIn(current), Messages{std::to_string(number)});
+    }
+    EXPECT_FALSE(fs::exists(folder.path("elsewhere")));
+    const auto reports = ky::test::Lines(err.take());
+    ASSERT_EQ(reports.size(), 1u) << "one a minute";
+    EXPECT_NE(
+        reports[0].find("Fail to initialize log file '" + current.string() + "' error was : "),
+        std::string::npos);
+    fs::resize_file(current, 0);  // as logrotate does with copytruncate
+    Log("after");
+    EXPECT_EQ(MessagesIn(current), Messages{"after"});
+}
+
+TEST(LogFileOnAFullDisk, LosesLinesAndCountsThemAndGoesOn)
+{
+    const ky::test::TemporaryFolder folder;
+    const auto result = ky::test::RunInChild([&] {
+        // The default action of SIGXFSZ would end the process.
+        const auto limitFiles = [](rlim_t bytes) {
+            const rlimit limit = {bytes, RLIM_INFINITY};
+            ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+        };
+        limitFiles(4000);
+        ky::initializeKySystem(ky::InitType::Light, false);
+        kyLog& log = *kyLog::Instance();
+        ASSERT_TRUE(
+            log.installFileHandlerExUtf8(folder.path(""), "app.log", 0, 1, 5000, Interval::None));
+        for (int i = 1; i <= 100; ++i)
+            Log(std::to_string(i) + std::string(60, 'x'));
+        EXPECT_EQ(FilesIn(folder.path("")).size(), 1u) << "full files gave way to empty ones";
+        const unsigned long lost = log.getLostLineCount();
+        EXPECT_GT(lost, 0u);
+        limitFiles(RLIM_INFINITY);
+        Log("after");
+        EXPECT_EQ(log.getLostLineCount(), lost);
+        const Messages messages = MessagesIn(folder.path("app.log"));
+        ASSERT_GE(messages.size(), 2u);
+        EXPECT_EQ(messages.back(), "after");
+        EXPECT_EQ(messages[messages.size() - 2], "Log file '" + folder.path("app.log") + "' lost " +
+                                                     std::to_string(lost) + " lines");
+        // The torn one counts as lost.
+        EXPECT_EQ(messages.size() - 3 + lost, 100u);
+        ky::terminateKySystem();
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    EXPECT_EQ(ky::test::Lines(result.err).size(), 1u) << result.err;
+    EXPECT_NE(result.err.find("error was : System error : '(27) EFBIG"), std::string::npos);
+}
+
+TEST_F(LogFile, RefusesWhatCannotBeALogFileAndSaysWhy)
+{
+    const std::string blocked = folder.write("blocked", "a file");
+    ASSERT_EQ(::mkfifo(folder.path("pipe").c_str(), 0600), 0);
+    const auto max = static_cast<unsigned long>(std::numeric_limits<long>::max());
+    struct Row {
+        std::string folder;
+        std::string name;
+        unsigned int options;
+        unsigned long size;
+        int interval;
+        const char* beginning;
+    };
+    const std::string home = folder.path("");
+    const std::vector<Row> rows = {
+        {"/proc/no/where", "x", 0, 0, 0, "Fail to create log folder '/proc/no/where' error was : "},
+        {blocked, "x", 0, 0, 0, "Fail to create log folder '"},
+        {std::string("a\0b", 3), "x", 0, 0, 0, "Fail to create log folder '"},
+        {folder.path("no\xff"), "x", 0, 0, 0, "Fail to create log folder '"},
+        {"/", "proc", 0, 0, 0, "Fail to initialize log file '/proc' error was : "},
+        {home, "pipe", 0, 0, 0, "Fail to initialize log file '"},
+        {home, "", 0, 0, 0, "Fail to install log file handler to '"},
+        {home, "..", 0, 0, 0, "Fail to install log file handler to '"},
+        {home, "a/b", 0, 0, 0, "Fail to install log file handler to '"},
+        {home, "x", 8, 0, 0, "Fail to install log file handler to '"},
+        {home, "x", 0, 1023, 0, "Fail to install log file handler to '"},
+        {home, "x", 0, max + 1, 0, "Fail to install log file handler to '"},
+        {home, "x", 0, 0, 4, "Fail to install log file handler to '"},
+        {home, "x", 0, 0, -1, "Fail to install log file handler to '"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.folder + "/" + row.name);
+        ASSERT_TRUE(install());
+        EXPECT_FALSE(log.installFileHandlerExUtf8(row.folder, row.name, row.options, 0, row.size,
+                                                  static_cast<Interval>(row.interval), &error));
+        EXPECT_EQ(error.find(row.beginning), 0u) << error;
+        EXPECT_EQ(log.getCurrentLogFileNameUtf8(), "") << "the earlier file is closed anyway";
+    }
+}
+
+TEST(SharedLogFile, GetsEveryLineOfEveryProcessWhole)
+{
+    constexpr int processes = 4;
+    constexpr int linesOfEach = 2000;
+    const ky::test::TemporaryFolder folder;
+    std::vector<std::thread> waiting;
+    std::vector<ky::test::ChildResult> results(processes);
+    for (int process = 0; process < processes; ++process)
+        waiting.emplace_back([&, process] {
+            results[static_cast<std::size_t>(process)] = ky::test::RunCommand(
+                {KY_COMMAND, "log", "--quiet", "--shared", "--max-size", "20000", "--file",
+                 folder.path("app.log")},
+                [&] {
+                    std::string input;
+                    for (int i = 1; i <= linesOfEach; ++i)
+                        input += std::to_string(process * linesOfEach + i) + "\n";
+                    return input;
+                }());
+        });
+    for (std::thread& thread : waiting)
+        thread.join();
+    for (const auto& result : results)
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+    const auto files = FilesIn(folder.path(""));
+    EXPECT_GT(files.size(), 10u);
+    ExpectNumbers(files, processes * linesOfEach);
+    for (const auto& [name, messages] : files)
+        EXPECT_LE(fs::file_size(folder.path(name)), 20000u);
+}
+
+TEST(LogFileInTheBackground, GetsAllLinesInOrderBeforeACrashEndsTheProcess)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers handle the signal themselves";
+#endif
+    const ky::test::TemporaryFolder folder;
+    for (const int signal : {SIGSEGV, SIGABRT}) {
+        fs::remove(folder.path("app.log"));
+        const auto result = ky::test::RunInChild([&] {
+            ky::initializeKySystem(ky::InitType::Full, false);
+            ASSERT_TRUE(kyLog::Instance()->installFileHandlerUtf8(folder.path("app.log")));
+            std::vector<std::thread> producers;
+            for (int thread = 0; thread < 4; ++thread)
+                producers.emplace_back([thread] {
+                    for (int i = 1; i <= 5000; ++i)
+                        Log(std::to_string(thread * 5000 + i));
+                });
+            for (std::thread& producer : producers)
+                producer.join();
+            ::raise(signal);
+        });
+        EXPECT_EQ(result.signal, signal);
+        std::vector<int> last(4);
+        for (const std::string& message : MessagesIn(folder.path("app.log"))) {
+            const int number = std::atoi(message.c_str());
+            if (number == 0)
+                break;  // the report
+            int& before = last[static_cast<std::size_t>((number - 1) / 5000)];
+            EXPECT_TRUE(before == 0 || number == before + 1);
+            before = number;
+        }
+        EXPECT_EQ(last, (std::vector<int>{5000, 10000, 15000, 20000}));
+    }
+}
+
+TEST_F(LogFile, IsSharedWithAForkedChild)
+{
+    ASSERT_TRUE(install(0, 0, 1024));
+    for (int i = 1; i <= 30; ++i) {
+        Log(std::to_string(i) + std::string(100, ' '));
+        if (i % 10 != 0)
+            continue;
+        const auto result = ky::test::RunInChild([&] {
+            for (int own = 1; own <= 10; ++own)
+                Log(std::to_string(20 + i + own) + std::string(100, ' '));
+        });
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+    }
+    ExpectNumbers(FilesIn(logs), 60);
+}
