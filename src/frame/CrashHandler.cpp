@@ -1,25 +1,22 @@
 #include "frame/CrashHandler.h"
 
 #include "frame/CrashLine.h"
+#include "frame/CrashTrace.h"
 #include "frame/Guard.h"
 #include "frame/Report.h"
 #include "frame/StackWalk.h"
 #include "frame/WatchedSignals.h"
 
-#include <array>
 #include <atomic>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
-#include <execinfo.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 
 namespace ky::impl {
 namespace {
@@ -27,13 +24,17 @@ namespace {
 // The log gives up on a stuck thread of its own before that, and a process whose report hangs all
 // the same is gone within five seconds.
 constexpr unsigned int sReportSeconds = 4;
-constexpr int sMaxFrames = 64;
 
 /// A signal that a thread is reporting. Lives on that thread's stack.
 struct Crash {
-    explicit Crash(int crashSignal) noexcept : signal(crashSignal), fatalSignal(crashSignal) {}
+    Crash(int crashSignal, const ucontext_t& context) noexcept
+        : signal(crashSignal),
+          interruptedAt(static_cast<std::uintptr_t>(context.uc_mcontext.gregs[REG_RIP])),
+          fatalSignal(crashSignal)
+    {}
 
     const int signal;
+    const std::uintptr_t interruptedAt;  // the instruction
     bool endsProcess = false;
     std::atomic<int> fatalSignal;  // what the process dies of, when it does
     std::atomic<bool> isReported{false};
@@ -102,21 +103,13 @@ void TakeDefaultAction(int signal) noexcept
     static_cast<void>(::raise(signal));
 }
 
-void WriteTraceToStandardError() noexcept
-{
-    std::array<void*, sMaxFrames> frames;
-    ::backtrace_symbols_fd(frames.data(), ::backtrace(frames.data(), sMaxFrames), STDERR_FILENO);
-}
-
 /// The report as far as it needs no memory.
 void WriteUnlessReported(Crash& crash) noexcept
 {
     if (crash.isReported.exchange(true, std::memory_order_relaxed))
         return;
     crash.line.writeToStandardError();
-    // The stack of another thread cannot be walked from here.
-    if (tCurrent == &crash)
-        WriteTraceToStandardError();
+    WriteCrashTraceToStandardError(crash.interruptedAt, tCurrent == &crash);
 }
 
 /// On whichever thread the alarm of a stuck report finds. An alarm of someone else's is none.
@@ -186,20 +179,6 @@ private:
     int mCancelState = PTHREAD_CANCEL_ENABLE;
 };
 
-void ReportTrace()
-{
-    struct Free {
-        void operator()(char** texts) const { std::free(texts); }
-    };
-    std::array<void*, sMaxFrames> frames;
-    const int count = ::backtrace(frames.data(), sMaxFrames);
-    const std::unique_ptr<char*, Free> texts(::backtrace_symbols(frames.data(), count));
-    if (!texts)
-        return ::backtrace_symbols_fd(frames.data(), count, STDERR_FILENO);
-    for (int i = 0; i < count; ++i)
-        ReportFromCrash(texts.get()[i]);
-}
-
 /// kept: allocates and locks, and so may hang or fault where the crash has left a lock or damaged
 /// the heap. The alarm and the handling of nested signals see to it that the process ends.
 void ReportThroughLog(Crash& crash) noexcept
@@ -207,7 +186,8 @@ void ReportThroughLog(Crash& crash) noexcept
     try {
         ReportFromCrash(crash.line.text());
         crash.isReported.store(true, std::memory_order_relaxed);
-        ReportTrace();
+        // On its own and after the first line, because a walk up a destroyed stack may fault.
+        ReportFromCrash(CrashTraceLines(crash.interruptedAt));
     } catch (...) {
         WriteUnlessReported(crash);
     }
@@ -244,7 +224,7 @@ void HandleCrashSignal(int signal, siginfo_t* info, void* context)
 {
     if (tCurrent != nullptr)
         return HandleNested(*tCurrent, signal);
-    Crash crash(signal);
+    Crash crash(signal, *static_cast<const ucontext_t*>(context));
     const HandlerScope scope(crash);
     crash.line.compose(signal, *info);
     if (MayThrow(signal, *info, *static_cast<const ucontext_t*>(context))) {

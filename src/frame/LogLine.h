@@ -38,8 +38,15 @@ void CutToSystemLogSize(std::string& textUtf8);
 /// means.
 void SendToSystemLog(int level, const std::string& localText);
 
-/// The same for a crash handler, which may have interrupted syslog(3) itself: by our own means and
-/// without waiting. A daemon that does not read misses the line.
-void SendToSystemLogFromCrash(int level, const std::string& localText);
+/// The same for the lines of a crash report, whose handler may have interrupted syslog(3) itself:
+/// by our own means. A daemon that does not read is waited for as long as a busy one takes for a
+/// burst of lines, once for all of them, and misses the rest.
+class CrashSystemLog {
+public:
+    void send(int level, const std::string& localText);
+
+private:
+    int mMoments = 50;  // left, milliseconds
+};
 
 }  // namespace ky::impl

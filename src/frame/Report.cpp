@@ -25,10 +25,8 @@ public:
     ReportingMark& operator=(const ReportingMark&) = delete;
 };
 
-using SystemLogSender = void (*)(int level, const std::string& localText);
-
-void WriteWithoutLog(int level, const char* systemLogName, std::string_view text,
-                     SystemLogSender send = &SendToSystemLog)
+template <typename Sender>
+void WriteWithoutLog(int level, const char* systemLogName, std::string_view text, Sender send)
 {
     const std::string time = FormatTime(::time(nullptr), sLogTimeFormat, true);
     std::string line;
@@ -58,7 +56,7 @@ void Report(int level, const char* systemLogName, std::string_view text, bool fl
     if (const ReportSink sink = sSink.load(std::memory_order_acquire))
         sink(level, systemLogName, text, flushNow);
     else
-        WriteWithoutLog(level, systemLogName, text);
+        WriteWithoutLog(level, systemLogName, text, &SendToSystemLog);
 }
 
 void ReportIfLogged(int level, const char* systemLogName, std::string_view text, bool flushNow)
@@ -71,13 +69,15 @@ void ReportIfLogged(int level, const char* systemLogName, std::string_view text,
     sink(level, systemLogName, text, flushNow);
 }
 
-void ReportFromCrash(std::string_view text)
+void ReportFromCrash(std::string_view lines)
 {
     const Undisturbed undisturbed;
     if (const CrashSink sink = sCrashSink.load(std::memory_order_acquire))
-        sink(text);
-    else
-        WriteWithoutLog(ReportLevel::Critical, "kySystem", text, &SendToSystemLogFromCrash);
+        return sink(lines);
+    CrashSystemLog systemLog;
+    while (!lines.empty())
+        WriteWithoutLog(ReportLevel::Critical, "kySystem", TakeCrashLine(lines),
+                        [&](int level, const std::string& text) { systemLog.send(level, text); });
 }
 
 }  // namespace ky::impl

@@ -14,9 +14,9 @@ constexpr int Critical = 5;
 using ReportSink = void (*)(int level, const char* systemLogName, std::string_view text,
                             bool flushNow);
 
-/// Receives a line of a crash report and returns when it is through the sinks, or when the log is
-/// stuck.
-using CrashSink = void (*)(std::string_view text);
+/// Receives lines of a crash report, each ended by a zero byte but for the last, and returns when
+/// they are through the sinks, or when the log is stuck.
+using CrashSink = void (*)(std::string_view lines);
 
 /// The log puts itself behind the seam while it has an instance, nulls withdraw it.
 void SetReportSinks(ReportSink sink, CrashSink crashSink) noexcept;
@@ -31,8 +31,19 @@ void Report(int level, const char* systemLogName, std::string_view text, bool fl
 void ReportIfLogged(int level, const char* systemLogName, std::string_view text,
                     bool flushNow = true);
 
-/// For the crash handler: a CRITICAL report with the system-log name "kySystem" that is through
-/// the sinks when the call returns, and does not wait for ever for a log that is stuck.
-void ReportFromCrash(std::string_view text);
+/// For the crash handler: CRITICAL reports with the system-log name "kySystem", one for each of
+/// `lines`, in each of which but the last a zero byte ends the line: a newline may be part of it.
+/// They go through the log in one piece, since each piece waits for all that others have queued,
+/// and are through the sinks when the call returns, which does not wait for ever for a log that is
+/// stuck.
+void ReportFromCrash(std::string_view lines);
+
+/// Takes the first line off such lines.
+inline std::string_view TakeCrashLine(std::string_view& lines) noexcept
+{
+    const std::string_view line = lines.substr(0, lines.find('\0'));
+    lines.remove_prefix(line.size() < lines.size() ? line.size() + 1 : lines.size());
+    return line;
+}
 
 }  // namespace ky::impl

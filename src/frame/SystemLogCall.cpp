@@ -71,8 +71,8 @@ int Priority(int level)
     return level == warning ? LOG_WARNING : level == critical ? LOG_CRIT : LOG_INFO;
 }
 
-/// What syslog(3) would send, over a socket of our own.
-void SendDatagram(int level, const std::string& localText, int flags)
+/// What syslog(3) would send, over a socket of our own. Whether there was room for it.
+bool SendDatagram(int level, const std::string& localText, int flags)
 {
     const ScopedFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const sockaddr_un address = {AF_UNIX, "/dev/log"};
@@ -80,26 +80,34 @@ void SendDatagram(int level, const std::string& localText, int flags)
                                  FormatTime(::time(nullptr), "%b %e %T", true) + " " +
                                  ::program_invocation_short_name + ": " +
                                  localText.substr(0, localText.find('\0'));
-    static_cast<void>(RetryOnEintr([&] {
+    const ssize_t sent = RetryOnEintr([&] {
         return ::sendto(socket.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL | flags,
                         reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    }));
+    });
+    return sent != -1 || errno != EAGAIN;
 }
 
 }  // namespace
 
 void SendToSystemLog(int level, const std::string& localText)
 {
-    if (sIsLockLost.load(std::memory_order_relaxed))
-        return SendDatagram(level, localText, 0);
+    if (sIsLockLost.load(std::memory_order_relaxed)) {
+        SendDatagram(level, localText, 0);
+        return;
+    }
     const Caller caller;
     const StandardNumbersHeld held;
     ::syslog(Priority(level), "%s", localText.c_str());
 }
 
-void SendToSystemLogFromCrash(int level, const std::string& localText)
+void CrashSystemLog::send(int level, const std::string& localText)
 {
-    SendDatagram(level, localText, MSG_DONTWAIT);
+    constexpr std::timespec moment{0, 1000000};
+    // poll(2) does not tell whether the queue of a datagram's receiver has room.
+    while (!SendDatagram(level, localText, MSG_DONTWAIT) && mMoments > 0) {
+        --mMoments;
+        ::nanosleep(&moment, nullptr);
+    }
 }
 
 }  // namespace ky::impl

@@ -348,9 +348,11 @@ bool kyLogThread::writeFromCrash(Batch& batch, unsigned long patienceMs)
         mMutex.unlock();
         return false;
     }
-    mQueuedBytes += batch.front().message.size();
-    mQueue.add(batch.front(), mSpare);
-    ++mQueuedTicket;
+    for (kyLog::LogEntry& entry : batch) {
+        mQueuedBytes += entry.message.size();
+        mQueue.add(entry, mSpare);
+        ++mQueuedTicket;
+    }
     mMutex.unlock();
     return flushWhileItGoesOn(patienceMs);
 }

@@ -56,8 +56,8 @@ public:
     /// thread itself, which does not come back from there, it writes all that on its own.
     bool flushWhileItGoesOn(unsigned long patienceMs);
 
-    /// For the crash handler: writes the only entry of `batch` behind all that is queued, and
-    /// returns when it is through the sinks. False after `patienceMs` milliseconds without any
+    /// For the crash handler: writes the entries of `batch` behind all that is queued, and returns
+    /// when they are through the sinks. False after `patienceMs` milliseconds without any
     /// progress, and when the thread has ended. On the log thread itself, and where the crash has
     /// hit this thread inside the log, it writes on the caller's thread, the report first.
     bool writeFromCrash(std::list<kyLog::LogEntry>& batch, unsigned long patienceMs);

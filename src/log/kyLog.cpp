@@ -202,26 +202,29 @@ void kyLog::writeBatch(std::list<LogEntry>& batch, bool flushNow)
     WriteImpl(*mParameters, batch);
 }
 
-void kyLog::ReportFromCrash(std::string_view text)
+void kyLog::ReportFromCrash(std::string_view lines)
 {
     if (kyLog* const log = Instance())
-        log->writeFromCrash(text);
+        log->writeFromCrash(lines);
 }
 
-void kyLog::writeFromCrash(std::string_view text)
+void kyLog::writeFromCrash(std::string_view lines)
 {
-    std::list<LogEntry> batch(1);
-    LogEntry& entry = batch.front();
+    std::list<LogEntry> batch;
+    LogEntry entry;
     entry.level = Critical;
-    entry.message = text;
     entry.systemLogName = "kySystem";
     entry.timeMs = static_cast<unsigned long>(kySystemUtils::GetMSecElapsedSinceEpoch());
     if (mEnabled[Debug].load(std::memory_order_relaxed))
         entry.threadId = impl::CurrentThreadIdText();
     entry.computeLogPrefix(true);
-    const LogEntry forSystemLog = entry;
+    while (!lines.empty()) {
+        entry.message = impl::TakeCrashLine(lines);
+        batch.push_back(entry);
+    }
+    const std::list<LogEntry> forSystemLog = batch;
 
-    // A log that is stuck is not waited for once more by every line of the same report.
+    // A log that is stuck is not waited for once more by every part of the same report.
     constexpr unsigned long reportMs = 4000;
     static constinit std::atomic<unsigned long> sStuckSinceMs{0};
     const unsigned long now = kySystemUtils::GetTimeBaseMs();
@@ -232,10 +235,14 @@ void kyLog::writeFromCrash(std::string_view text)
     } else if (isStuck || !mThread->writeFromCrash(batch, sPatienceMs)) {
         if (!isStuck)
             sStuckSinceMs.store(kySystemUtils::GetTimeBaseMs(), std::memory_order_relaxed);
-        std::string line = impl::LineWithRoom(forSystemLog.prefix, forSystemLog.message);
-        impl::WriteLine(mParameters->echoesToConsole() ? std::cout : std::cerr, line);
+        for (const LogEntry& lost : forSystemLog) {
+            std::string line = impl::LineWithRoom(lost.prefix, lost.message);
+            impl::WriteLine(mParameters->echoesToConsole() ? std::cout : std::cerr, line);
+        }
     }
-    impl::SendToSystemLogFromCrash(Critical, impl::LocalOrRaw(impl::SystemLogText(forSystemLog)));
+    impl::CrashSystemLog systemLog;
+    for (const LogEntry& sent : forSystemLog)
+        systemLog.send(Critical, impl::LocalOrRaw(impl::SystemLogText(sent)));
 }
 
 void kyLog::FlushAtExit()

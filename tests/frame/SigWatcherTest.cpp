@@ -97,7 +97,7 @@ struct Death {
     void (*sink)(std::string_view) = nullptr;
 };
 
-/// Each in time, with one report of the signal and with its trace.
+/// Each in time, with one report of the signal, with its trace and the modules.
 void ExpectDeaths(std::initializer_list<Death> deaths)
 {
     for (const Death& death : deaths) {
@@ -113,7 +113,10 @@ void ExpectDeaths(std::initializer_list<Death> deaths)
         EXPECT_EQ(result.signal, death.signal);
         const std::string line = std::string("Got signal (SIG") + ::sigabbrev_np(death.signal);
         EXPECT_EQ(result.err.find("Got signal ("), result.err.rfind("Got signal (")) << result.err;
-        EXPECT_NE(result.err.find("[0x", result.err.find(line)), std::string::npos) << result.err;
+        const std::size_t frame = result.err.find("[0x", result.err.find(line));
+        EXPECT_NE(frame, std::string::npos) << result.err;
+        const std::size_t place = result.err.find("Interrupted at 0x", frame);
+        EXPECT_LT(place, result.err.find("Module 0x", place)) << result.err;
     }
 }
 
