@@ -46,7 +46,7 @@ public:
     void send(int level, const std::string& localText);
 
 private:
-    int mMoments = 50;  // left, milliseconds
+    int mMoments = 200;  // left, milliseconds
 };
 
 }  // namespace ky::impl
