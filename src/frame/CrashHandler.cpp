@@ -4,6 +4,7 @@
 #include "frame/CrashTrace.h"
 #include "frame/Guard.h"
 #include "frame/Report.h"
+#include "frame/SignalDelay.h"
 #include "frame/StackWalk.h"
 #include "frame/WatchedSignals.h"
 
@@ -203,6 +204,14 @@ void ReportAndGoOn(Crash& crash) noexcept
         ReportThroughLog(crash);
 }
 
+/// In the middle of malloc(3) the report would hang on that one's lock, and the log's queue would
+/// be lost. Where a fault has hit, nothing is better later.
+bool MayComeLater(const Crash& crash, const siginfo_t& info) noexcept
+{
+    const bool isFault = IsFault(crash.signal) && info.si_code > 0;
+    return crash.endsProcess && !isFault && LookAtStack().isInAllocator;
+}
+
 /// A signal that arrives while this thread reports one. When it is a fault, the report has failed,
 /// and the process dies of the signal that was being reported.
 void HandleNested(Crash& outer, int signal) noexcept
@@ -220,18 +229,22 @@ void HandleNested(Crash& outer, int signal) noexcept
 
 }  // namespace
 
-void HandleCrashSignal(int signal, siginfo_t* info, void* context)
+void HandleCrashSignal(int signal, siginfo_t* information, void* context)
 {
     if (tCurrent != nullptr)
         return HandleNested(*tCurrent, signal);
+    siginfo_t info = *information;
+    RestoreDelayedSignal(info);
     Crash crash(signal, *static_cast<const ucontext_t*>(context));
     const HandlerScope scope(crash);
-    crash.line.compose(signal, *info);
-    if (MayThrow(signal, *info, *static_cast<const ucontext_t*>(context))) {
+    crash.line.compose(signal, info);
+    if (MayThrow(signal, info, *static_cast<const ucontext_t*>(context))) {
         ReportThroughLog(crash);
         throw std::runtime_error(std::string(crash.line.text()));
     }
     crash.endsProcess = !GoesOn(signal);
+    if (MayComeLater(crash, info) && DelaySignal(signal, info))
+        return;
     if (crash.endsProcess) {
         ArmAlarm(crash);
         ReportThroughLog(crash);

@@ -10,6 +10,6 @@ namespace ky::impl {
 /// It ends in any case. The report goes through the log, which allocates and locks; the first line
 /// is put together without either, and goes straight to standard error when the log has not taken
 /// it by the time that a second fault, or an alarm after 4 s, cuts the report short.
-void HandleCrashSignal(int signal, siginfo_t* info, void* context);
+void HandleCrashSignal(int signal, siginfo_t* information, void* context);
 
 }  // namespace ky::impl

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <map>
 #include <memory>
@@ -501,6 +502,32 @@ TEST(LogThreadCrash, ReportsASignalThatHitsAFlush)
         ASSERT_TRUE(heard || result.err.find("Got signal (") != std::string::npos);
     }
     ::munmap(&heard, sizeof(bool));
+}
+
+TEST(LogThreadCrash, LosesNoLineToASignalFromOutsideThatHitsTheAllocator)
+{
+    if (sIsSanitized)
+        GTEST_SKIP() << "the sanitizer has handlers of its own";
+    for (int round = 0; round < 10; ++round) {
+        const auto result = ky::test::RunInChild([&] {
+            ky::initializeKySystem(ky::InitType::Full, false);
+            kyLogObject(kyLog::Info) << "accepted";
+            if (::fork() == 0) {
+                const pid_t parent = ::getppid();
+                std::this_thread::sleep_for(std::chrono::microseconds(round * 300));
+                ::_exit(::kill(parent, SIGTERM));
+            }
+            // Blocks of such sizes are made under the lock of the heap.
+            for (std::size_t i = 0;; ++i) {
+                std::vector<char> first(2000 + i % 50000, 'x');
+                const std::vector<char> second(first);
+            }
+        });
+        ASSERT_EQ(result.signal, SIGTERM);
+        ASSERT_NE(result.out.find(" : accepted\n"), std::string::npos);
+        ASSERT_NE(result.out.find(" : Got signal (SIGTERM 15)"), std::string::npos) << result.err;
+        ASSERT_NE(result.out.find(" (SI_USER), from PID "), std::string::npos) << result.out;
+    }
 }
 
 TEST(LogThreadCrash, LosesNoAcceptedLineWhenItHitsAProducer)
