@@ -11,6 +11,7 @@ constexpr int sUsageError = 2;
 
 /// Each adds one sub-command to `app`; when it is chosen it runs while the command line is parsed
 /// and stores its outcome in `exitCode`.
+void AddCrash(CLI::App& app, int& exitCode);
 void AddInfo(CLI::App& app, int& exitCode);
 void AddLog(CLI::App& app, int& exitCode);
 

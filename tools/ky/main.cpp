@@ -39,6 +39,7 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     app.set_version_flag("--version",
                          kySystem::Version::GetDescStringMajorMinorReleaseRevision(true, true));
+    ky::tool::AddCrash(app, exitCode);
     ky::tool::AddInfo(app, exitCode);
     ky::tool::AddLog(app, exitCode);
     try {
