@@ -1,0 +1,121 @@
+#include "support/Child.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using ky::test::RunCommand;
+
+namespace {
+
+/// Strict: raw control characters and bytes that are not UTF-8 end it with an error.
+constexpr const char* sMessagesOfJson =
+    "import json, sys\n"
+    "for line in sys.stdin.buffer.read().splitlines(keepends=True):\n"
+    "    entry = json.loads(line.decode('utf-8'))\n"
+    "    assert entry['level'] == 'info' and entry['subType'] == 'input' and entry['time'][-1] == "
+    "'Z'\n"
+    "    sys.stdout.buffer.write(entry['message'].encode('utf-8') + b'\\n')\n";
+
+bool Contains(const std::string& text, const std::string& what)
+{
+    return text.find(what) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(JsonLog, IsOneValidObjectForEachEntry)
+{
+    const std::string bad = "\xef\xbf\xbd";
+    const std::pair<std::string, std::string> rows[] = {
+        {"quote \" backslash \\ slash /", {}},
+        {std::string("controls \0 \x01 \t \r \x1f \x7f", 21), {}},
+        {"", {}},
+        {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \xf4\x8f\xbf\xbf \xed\x9f\xbf \xee\x80\x80",
+         {}},
+        {"stray \xff \x80", "stray " + bad + " " + bad},
+        {"overlong \xc0\xaf \xe0\x80\x80", "overlong " + bad + bad + " " + bad + bad + bad},
+        {"surrogate \xed\xa0\x80", "surrogate " + bad + bad + bad},
+        {"too large \xf4\x90\x80\x80", "too large " + bad + bad + bad + bad},
+        {"cut \xf0\x9f\x98", "cut " + bad + bad + bad},
+    };
+    std::string input;
+    std::string expected;
+    for (const auto& [message, shown] : rows) {
+        input += message + "\n";
+        expected += (shown.empty() ? message : shown) + "\n";
+    }
+    const ky::test::TemporaryFolder folder;
+    const std::string file = folder.write("log.json", "");
+    const auto logged = RunCommand({KY_EXAMPLE_JSONLOG, file}, input);
+    ASSERT_EQ(logged.exitCode, 0) << logged.err;
+    const auto parsed = RunCommand({"python3", "-c", sMessagesOfJson}, {}, [&] {
+        ::dup2(::open(file.c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+    });
+    if (parsed.exitCode == 127)
+        GTEST_SKIP() << "no parser here";
+    EXPECT_EQ(parsed.exitCode, 0) << parsed.err;
+    EXPECT_EQ(parsed.out, expected);
+}
+
+#ifdef KY_EXAMPLE_JOURNALD
+namespace {
+
+constexpr int sNotAllowed = 77;
+
+/// The journal's socket, in a mount namespace that only this process sees.
+int JournalSocket()
+{
+    const int journal = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0 || ::mkdir("/run/systemd", 0755) != 0 ||
+        ::mkdir("/run/systemd/journal", 0755) != 0 ||
+        ::bind(journal, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        ::_exit(sNotAllowed);
+    return journal;
+}
+
+std::string Receive(int journal)
+{
+    std::string datagram(65536, '\0');
+    const ssize_t size = ::recv(journal, datagram.data(), datagram.size(), 0);
+    datagram.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    return datagram;
+}
+
+}  // namespace
+
+TEST(JournaldExample, SendsFieldsOfItsOwn)
+{
+    const auto result = ky::test::RunInChild([] {
+        const int journal = JournalSocket();
+        EXPECT_EQ(RunCommand({KY_EXAMPLE_JOURNALD}).exitCode, 0);
+        const std::string first = Receive(journal);
+        for (const char* field : {"MESSAGE=started with 3 work items\n", "PRIORITY=6\n",
+                                  "SYSLOG_IDENTIFIER=example-journald\n", "KY_TIME_MS="})
+            EXPECT_TRUE(Contains(first, field)) << field << " in " << first;
+        // A text of more than one line goes with its length, in eight bytes.
+        const std::string second = Receive(journal);
+        const std::string text = "lost 2.5 % of the packets\non 2 links\n";
+        const std::string length = {static_cast<char>(text.size() - 1), 0, 0, 0, 0, 0, 0, 0};
+        for (const std::string& field : {"MESSAGE\n" + length + text, std::string("PRIORITY=4\n"),
+                                         std::string("KY_SUB_TYPE=net\n")})
+            EXPECT_TRUE(Contains(second, field)) << field << " in " << second;
+        EXPECT_EQ(Receive(journal), "");
+    });
+    if (result.exitCode == sNotAllowed)
+        GTEST_SKIP() << "a mount namespace is not allowed here";
+    EXPECT_EQ(result.exitCode, 0) << result.err << result.out;
+}
+#endif
