@@ -28,11 +28,11 @@ KY_API void ExecGuardedCode(void (*function)(void*), void* argument);
 KY_API void ExecGuardedCode(void (*function)());
 
 /// Makes the table and takes the watched signals over: SIGPIPE is ignored, every other one is
-/// reported with a stack trace before it takes its default action, which stays in force where the
-/// process lives on. A signal that the system refuses is logged and left out. The calling thread
-/// gets an alternate signal stack, once per process and when it has none. May be repeated, also
-/// after a release; what was there before the watcher is remembered all the time. Called by the
-/// lifecycle, while no other thread uses the library.
+/// reported with a stack trace and the loaded modules before it takes its default action, which
+/// stays in force where the process lives on. A signal that the system refuses is logged and left
+/// out. The calling thread gets an alternate signal stack, once per process and when it has none.
+/// May be repeated, also after a release; what was there before the watcher is remembered all the
+/// time. Called by the lifecycle, while no other thread uses the library.
 KY_API void RegisterSigWatcher();
 
 /// Frees the table. The handlers stay installed, so a crash after termination is reported too.

@@ -30,16 +30,17 @@ constexpr unsigned int sReportSeconds = 4;
 struct Crash {
     Crash(int crashSignal, const ucontext_t& context) noexcept
         : signal(crashSignal),
-          interruptedAt(static_cast<std::uintptr_t>(context.uc_mcontext.gregs[REG_RIP])),
-          fatalSignal(crashSignal)
+          fatalSignal(crashSignal),
+          trace(static_cast<std::uintptr_t>(context.uc_mcontext.gregs[REG_RIP]))
     {}
 
     const int signal;
-    const std::uintptr_t interruptedAt;  // the instruction
     bool endsProcess = false;
     std::atomic<int> fatalSignal;  // what the process dies of, when it does
     std::atomic<bool> isReported{false};
+    std::atomic<int> traceAttempts{0};
     CrashLine line;
+    CrashTrace trace;
     unsigned int hostAlarmSeconds = 0;
     struct sigaction hostAlarmAction = {};
 };
@@ -104,13 +105,25 @@ void TakeDefaultAction(int signal) noexcept
     static_cast<void>(::raise(signal));
 }
 
-/// The report as far as it needs no memory.
+/// The report as far as it needs no memory. When an attempt at the trace has failed, in an unlucky
+/// moment of the dynamic linker or in the log, a second one goes without names and to standard
+/// error, with the first line once more, so that a report is in one place.
 void WriteUnlessReported(Crash& crash) noexcept
 {
-    if (crash.isReported.exchange(true, std::memory_order_relaxed))
-        return;
-    crash.line.writeToStandardError();
-    WriteCrashTraceToStandardError(crash.interruptedAt, tCurrent == &crash);
+    constexpr int done = 2;
+    const bool isReported = crash.isReported.exchange(true, std::memory_order_relaxed);
+    const int attempts = crash.traceAttempts.fetch_add(1, std::memory_order_relaxed);
+    if (!isReported || attempts == 1)
+        crash.line.writeToStandardError();
+    if (attempts == 0) {
+        // The stack of another thread cannot be walked from here.
+        if (tCurrent == &crash)
+            crash.trace.walk();
+        crash.trace.writeToStandardError(CrashTrace::Names::With);
+        crash.traceAttempts.store(done, std::memory_order_relaxed);
+    } else if (attempts == 1) {
+        crash.trace.writeToStandardError(CrashTrace::Names::Without);
+    }
 }
 
 /// On whichever thread the alarm of a stuck report finds. An alarm of someone else's is none.
@@ -121,7 +134,7 @@ void RelayAlarm(int, siginfo_t* info, void*)
         return;
     const int savedErrno = errno;
     // The trace asks the dynamic linker for names, and the crash may have left that locked: the
-    // next alarm finds the report written.
+    // next alarm tries without names, and the one after that finds both tried.
     ::alarm(1);
     WriteUnlessReported(*crash);
     TakeDefaultAction(crash->fatalSignal.load(std::memory_order_relaxed));
@@ -188,7 +201,10 @@ void ReportThroughLog(Crash& crash) noexcept
         ReportFromCrash(crash.line.text());
         crash.isReported.store(true, std::memory_order_relaxed);
         // On its own and after the first line, because a walk up a destroyed stack may fault.
-        ReportFromCrash(CrashTraceLines(crash.interruptedAt));
+        crash.traceAttempts.store(1, std::memory_order_relaxed);
+        crash.trace.walk();
+        ReportFromCrash(crash.trace.lines());
+        crash.traceAttempts.store(2, std::memory_order_relaxed);
     } catch (...) {
         WriteUnlessReported(crash);
     }

@@ -4,8 +4,9 @@
 
 namespace ky::impl {
 
-/// The handler of the watched signals, for `SA_SIGINFO | SA_NODEFER`. Reports one line and the
-/// stack trace, then gives the signal its default action, or throws into a guard of the thread.
+/// The handler of the watched signals, for `SA_SIGINFO | SA_NODEFER`. Reports one line, the
+/// stack trace and the loaded modules, then gives the signal its default action, or throws into a
+/// guard of the thread. A signal from outside that lands in malloc(3) is handled a moment later.
 ///
 /// It ends in any case. The report goes through the log, which allocates and locks; the first line
 /// is put together without either, and goes straight to standard error when the log has not taken

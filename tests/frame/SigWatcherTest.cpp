@@ -175,6 +175,11 @@ TEST(SigWatcher, EndsTheProcessInTimeWhenTheReportFails)
         {"faults", SIGABRT, std::abort, [](std::string_view) { WriteToNull(); }},
         {"aborts", SIGSEGV, [] { RunGuarded(WriteToNull); },
          [](std::string_view) { std::abort(); }},
+        {"faults at the trace", SIGABRT, std::abort,
+         [](std::string_view lines) {
+             if (lines.substr(0, 5) != "Got s")
+                 WriteToNull();
+         }},
         {"throws", SIGSEGV, WriteToNull, [](std::string_view text) { throw text; }},
         {"hangs", SIGABRT, std::abort, [](std::string_view) { ::sleep(300); }},
         {"has no heap", SIGSEGV, freeInThread},

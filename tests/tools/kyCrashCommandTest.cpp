@@ -169,6 +169,7 @@ TEST(CrashCommand, WithstandsAnyReport)
         {"Got signal (SIGX)\nx [0xffffffffffffffff]\nx [0x0]\n", "0xffffffffffffffff x\n"},
         {"CRITICAL PID 1 : tail(+0x1) [0x12]\n", "A report without its first line\n"},
         {std::string(3000000, 'x') + "\n" + Report("/none"), "./host(+0x10)  <- interrupted"},
+        {"Got signal (SIGSEGV 11)\nInterrupted at 0x12\n", "12 no trace  <- interrupted here"},
         {manyReports, "Got signal (SIGABRT 6) x\n"},
         {manyLines, "#255 "},
     };

@@ -175,6 +175,9 @@ void CrashReportCollector::give(std::list<Open>::iterator open)
 {
     CrashReport report = std::move(open->report);
     mOpen.erase(open);
+    // The walk up a destroyed stack has failed.
+    if (report.frames.empty() && report.interruptedAt != 0)
+        report.frames.push_back({report.interruptedAt, "no trace"});
     if (report.frames.empty() || IsSame(report, mLast))
         return;
     mTake(report);
