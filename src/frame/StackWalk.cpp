@@ -8,6 +8,7 @@
 #include <new>
 
 #include <malloc.h>
+#include <unistd.h>
 #include <unwind.h>
 #include <cstddef>
 #include <cstdlib>
@@ -21,20 +22,22 @@ std::uintptr_t AddressOf(Function* function) noexcept
     return reinterpret_cast<std::uintptr_t>(function);
 }
 
-/// A host's own allocator replaces these under the same names.
+/// A host's own allocator replaces these under the same names. fork(2) holds the allocator's locks,
+/// and the log's, while it copies.
 bool IsAllocator(std::uintptr_t function) noexcept
 {
     using New = void*(std::size_t);
     using Delete = void(void*);
-    const std::array<std::uintptr_t, 9> allocators = {AddressOf(&::malloc),
-                                                      AddressOf(&::free),
-                                                      AddressOf(&::calloc),
-                                                      AddressOf(&::realloc),
-                                                      AddressOf(&::memalign),
-                                                      AddressOf(&::aligned_alloc),
-                                                      AddressOf(&::posix_memalign),
-                                                      AddressOf<New>(&::operator new),
-                                                      AddressOf<Delete>(&::operator delete)};
+    const std::array<std::uintptr_t, 10> allocators = {AddressOf(&::fork),
+                                                       AddressOf(&::malloc),
+                                                       AddressOf(&::free),
+                                                       AddressOf(&::calloc),
+                                                       AddressOf(&::realloc),
+                                                       AddressOf(&::memalign),
+                                                       AddressOf(&::aligned_alloc),
+                                                       AddressOf(&::posix_memalign),
+                                                       AddressOf<New>(&::operator new),
+                                                       AddressOf<Delete>(&::operator delete)};
     return std::find(allocators.begin(), allocators.end(), function) != allocators.end();
 }
 

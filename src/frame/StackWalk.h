@@ -6,7 +6,7 @@ namespace ky::impl {
 
 /// What the calling thread is in the middle of.
 struct StackFacts {
-    bool isInAllocator;  ///< in malloc(3) or one of its kin, whose lock it may hold
+    bool isInAllocator;  ///< in malloc(3), its kin or fork(2), whose locks it may hold
     bool reachesGuard;   ///< an exception can be unwound to the innermost guard
 };
 
