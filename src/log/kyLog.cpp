@@ -222,7 +222,12 @@ void kyLog::writeFromCrash(std::string_view lines)
         entry.message = impl::TakeCrashLine(lines);
         batch.push_back(entry);
     }
-    const std::list<LogEntry> forSystemLog = batch;
+    const std::list<LogEntry> copies = batch;
+    // First, so that little time is left for others to log after the queue has been written: what
+    // they log then dies with the process.
+    impl::CrashSystemLog systemLog;
+    for (const LogEntry& sent : copies)
+        systemLog.send(Critical, impl::LocalOrRaw(impl::SystemLogText(sent)));
 
     // A log that is stuck is not waited for once more by every part of the same report.
     constexpr unsigned long reportMs = 4000;
@@ -235,14 +240,11 @@ void kyLog::writeFromCrash(std::string_view lines)
     } else if (isStuck || !mThread->writeFromCrash(batch, sPatienceMs)) {
         if (!isStuck)
             sStuckSinceMs.store(kySystemUtils::GetTimeBaseMs(), std::memory_order_relaxed);
-        for (const LogEntry& lost : forSystemLog) {
+        for (const LogEntry& lost : copies) {
             std::string line = impl::LineWithRoom(lost.prefix, lost.message);
             impl::WriteLine(mParameters->echoesToConsole() ? std::cout : std::cerr, line);
         }
     }
-    impl::CrashSystemLog systemLog;
-    for (const LogEntry& sent : forSystemLog)
-        systemLog.send(Critical, impl::LocalOrRaw(impl::SystemLogText(sent)));
 }
 
 void kyLog::FlushAtExit()
