@@ -1,8 +1,15 @@
+#include "ky/kyLog.h"
+
 #include "support/Child.h"
+#include "support/Library.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
@@ -119,3 +126,44 @@ TEST(JournaldExample, SendsFieldsOfItsOwn)
     EXPECT_EQ(result.exitCode, 0) << result.err << result.out;
 }
 #endif
+
+struct Logrotate : ky::test::FullLibrary {};
+
+TEST_F(Logrotate, RenamesTheFileUnderRunningThreadsAndLosesNoLine)
+{
+    const ky::test::TemporaryFolder folder;
+    std::ostringstream recipe;
+    recipe << std::ifstream(std::string(KY_EXAMPLES) + "/app.logrotate").rdbuf();
+    std::string text = recipe.str();
+    const std::string path = "/var/log/app/app.log";
+    ASSERT_NE(text.find(path), std::string::npos);
+    text.replace(text.find(path), path.size(), folder.path("app.log"));
+    const std::string config = folder.write("config", text);
+    ::chmod(config.c_str(), 0644);
+    ASSERT_TRUE(ky::kyLog::Instance()->installFileHandlerUtf8(folder.path("app.log")));
+
+    std::atomic<bool> stop = false;
+    std::atomic<unsigned long> written = 0;
+    std::thread threads[4];
+    for (std::thread& thread : threads)
+        thread = std::thread([&] {
+            for (; !stop; ++written)
+                ky::kyLogObject(ky::kyLog::Info).setFlushNow() << "line";
+        });
+    for (int i = 0; i < 5; ++i) {
+        for (const unsigned long before = written; written < before + 50;)
+            std::this_thread::yield();
+        const auto result =
+            RunCommand({"/usr/sbin/logrotate", "-f", "-s", folder.path("state"), config});
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+    }
+    for (const unsigned long before = written; written < before + 50;)
+        std::this_thread::yield();
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    ky::kyLog::Instance()->removeFileHandler();
+    const auto lines = RunCommand(
+        {"sh", "-c", "ls \"$0\".?* | wc -l; zcat -f \"$0\"* | wc -l", folder.path("app.log")});
+    EXPECT_EQ(lines.out, "5\n" + std::to_string(written) + "\n");
+}
