@@ -44,9 +44,10 @@ enum class kyLogLevel : int {
 /// of the log ("kyLog") writes them in batches, in order per thread. A producer waits only when it
 /// asks for a flush, and when more than 16 MiB of message bytes are queued; an entry costs some 40
 /// bytes beside its texts, so a queue full of lines of 60 bytes takes about 28 MiB, one of lines of
-/// 10 bytes three times that; a custom handler's batch takes 200 bytes more for each. What is
-/// queued when the process exits is written by an exit hook as long as the writer makes progress,
-/// and what is queued when it crashes before it dies.
+/// 10 bytes three times that, and a message without text is not counted. The batch in work comes on
+/// top; for a custom handler it takes 200 bytes more for each entry. What is queued when the
+/// process exits is written by an exit hook as long as the writer makes progress, and what is
+/// queued when it crashes before it dies.
 ///
 /// In a child made by fork(2) the log writes on the caller's thread, under a lock; entries that the
 /// parent had queued are the parent's. Nothing there waits for a thread that does not exist.
@@ -125,9 +126,10 @@ public:
     /// until then is closed and the console echo is off, even when this fails.
     ///
     /// The file is `folderUtf8` + "/" + `baseName`, an extension being part of the name; missing
-    /// folders are made. It is put aside when the next line would make it larger than
-    /// `maxFileSizeBytes`, under its name with "_%Y-%m-%d-%H-%M-%S" (strftime(3), local time)
-    /// before the extension, and when a line is of a later day, week or month than the file, with
+    /// folders are made, an empty one is the current folder. It is put aside when the next line
+    /// would make it larger than `maxFileSizeBytes`, under its name with "_%Y-%m-%d-%H-%M-%S"
+    /// (strftime(3), local time) before the extension, and when a line is of a later day, week or
+    /// month than the file, with
     /// "_%Y-%m-%d", "_%Y-W%U" or "_%Y-%m" of the file's lines. No file is ever overwritten: a mark
     /// that is taken gets "-1", "-2" and so on. When there are more than `maxFileCount` files, the
     /// current one included, those of the earliest last line are removed. 0 means no limit.
@@ -136,12 +138,13 @@ public:
     /// before a batch, renamed by logrotate(8) say, the new one is opened, or made; until that
     /// succeeds the old one stays in use. Lines that cannot be written, on a full disk say, are
     /// lost to the file alone; they are counted in a WARNING line when the file goes on, and told
-    /// to standard error, at most once a minute. A line torn by a kill or a full disk stays torn,
-    /// and the next one begins on a line of its own.
+    /// to standard error, at most once a minute and when the file is closed. A line torn by a kill
+    /// or a full disk stays torn, and the next one begins on a line of its own.
     ///
     /// False with a reason in `error` when folder or file cannot be made or opened, the name is
-    /// empty or not one name, the size is below 1024 or above 2^63 - 1, or a value is unknown; then
-    /// entries still reach handler and system log. A pipe needs its reader first.
+    /// empty, not one name or too long for a mark, the size is below 1024 or above 2^63 - 1, or a
+    /// value is unknown; then entries still reach handler and system log. A pipe needs its reader
+    /// first.
     bool installFileHandlerExUtf8(const std::string& folderUtf8, const std::string& baseName,
                                   unsigned int options, unsigned int maxFileCount,
                                   unsigned long maxFileSizeBytes, TimeRotationInterval interval,
@@ -213,7 +216,8 @@ private:
     void writeBatch(std::list<LogEntry>& batch, bool flushNow);
 
     void configure(const std::function<void(kyLogParameters&)>& change);
-    void writeFromCrash(std::string_view text);
+    void writeFromCrash(std::string_view lines);
+    bool writeHereFromCrash(std::list<LogEntry>& batch);
 
     static void ReportFromCrash(std::string_view text);
     static void FlushAtExit();

@@ -25,6 +25,14 @@ public:
         if (tDepth++ == 0)
             ::pthread_mutex_lock(&sMutex);
     }
+    /// For a crash handler. Without waiting.
+    static bool TryTake()
+    {
+        if (tDepth == 0 && ::pthread_mutex_trylock(&sMutex) != 0)
+            return false;
+        ++tDepth;
+        return true;
+    }
     static void Give()
     {
         if (--tDepth == 0)

@@ -1,5 +1,7 @@
 #include "frame/SignalDelay.h"
 
+#include "frame/ProcessId.h"
+
 #include <atomic>
 
 #include <sys/syscall.h>
@@ -12,8 +14,8 @@ namespace {
 constexpr long sDelayNs = 1000000;
 constexpr int sMostDelays = 300;
 
-// By the thread that has made it true.
-constinit std::atomic<bool> sIsTaken{false};
+// The process whose thread has taken the rest. A forked child has none of its parent's timers.
+constinit std::atomic<unsigned long> sTakenBy{0};
 constinit siginfo_t sInfo = {};
 constinit int sTimer = 0;
 constinit int sDelays = 0;
@@ -50,12 +52,13 @@ bool StartTimer(int signal) noexcept
 bool DelaySignal(int signal, const siginfo_t& info) noexcept
 {
     // Acquire and release: the last delay may have ended on another thread.
-    if (!IsFromOutside(info) || sIsTaken.exchange(true, std::memory_order_acquire))
+    const unsigned long self = CachedProcessId();
+    if (!IsFromOutside(info) || sTakenBy.exchange(self, std::memory_order_acquire) == self)
         return false;
     sInfo = info;
     if (sDelays++ < sMostDelays && StartTimer(signal))
         return true;
-    sIsTaken.store(false, std::memory_order_release);
+    sTakenBy.store(0, std::memory_order_release);
     return false;
 }
 
@@ -65,7 +68,7 @@ void RestoreDelayedSignal(siginfo_t& info) noexcept
         return;
     ::syscall(SYS_timer_delete, sTimer);
     info = sInfo;
-    sIsTaken.store(false, std::memory_order_release);
+    sTakenBy.store(0, std::memory_order_release);
 }
 
 }  // namespace ky::impl

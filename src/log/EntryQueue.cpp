@@ -1,5 +1,6 @@
 #include "log/EntryQueue.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -68,8 +69,6 @@ struct EntryQueue::Record {
 
 EntryQueue::~EntryQueue()
 {
-    while (!empty())
-        pop();
     EntryChunks freed;
     release(freed);
 }
@@ -128,6 +127,7 @@ void EntryQueue::add(kyLog::LogEntry& entry, EntryChunks& chunks)
         }
     }
     // Now it is there.
+    std::atomic_signal_fence(std::memory_order_release);
     mLast->end += record->bytes;
 }
 
@@ -184,11 +184,9 @@ void EntryQueue::splice(EntryQueue& other)
 void EntryQueue::moveTo(std::list<kyLog::LogEntry>& entries)
 {
     for (; !empty(); pop()) {
-        kyLog::LogEntry& entry = entries.emplace_back();
-        if (kyLog::LogEntry* const moved = record().moved) {
-            entry = std::move(*moved);
-            continue;
-        }
+        // Whole before it counts, for a crash handler that goes on here.
+        std::list<kyLog::LogEntry> one(1);
+        kyLog::LogEntry& entry = one.front();
         const EntryView view = front();
         entry.message = view.message;
         entry.subType = view.subType;
@@ -196,11 +194,14 @@ void EntryQueue::moveTo(std::list<kyLog::LogEntry>& entries)
         entry.threadId = view.threadId;
         entry.timeMs = view.timeMs;
         entry.level = view.level;
+        entries.splice(entries.end(), one);
     }
 }
 
 void EntryQueue::release(EntryChunks& chunks)
 {
+    while (!empty())
+        pop();
     while (mFirst != nullptr)
         chunks.keep(std::exchange(mFirst, mFirst->next));
     mLast = nullptr;

@@ -26,7 +26,8 @@ struct EntryView {
 class EntryChunks {
 public:
     struct Chunk {
-        static constexpr std::size_t sBytes = 65536 - 64;  // a whole page short of a power of two
+        static constexpr std::size_t sBytes =
+            65536 - 64;  // with the rest and the allocator's own, 64 KiB
 
         Chunk* next = nullptr;
         std::size_t begin = 0;  // of what is still to be read
@@ -82,10 +83,10 @@ public:
     /// Moves all of `other` behind what is here.
     void splice(EntryQueue& other);
 
-    /// Moves everything into `entries`.
+    /// Takes everything out and appends it to `entries`.
     void moveTo(std::list<kyLog::LogEntry>& entries);
 
-    /// Hands the memory back. Only while empty.
+    /// Drops what is left and hands the memory back.
     void release(EntryChunks& chunks);
 
 private:

@@ -10,7 +10,11 @@
 #include <string>
 #include <string_view>
 
+#include <sys/stat.h>
+
 namespace ky::impl {
+
+struct LogPeriod;
 
 /// How a log file was asked for.
 struct LogFileSettings {
@@ -58,36 +62,38 @@ private:
 
     explicit LogFile(const LogFileSettings& settings);
     [[nodiscard]] bool open(std::string* error);
-    [[nodiscard]] bool openLock(std::string* error);
+    [[nodiscard]] bool openLock(int fd, std::string* error);
     void resolvePath(const std::string& localPath);
     ScopedFd openPath(int flags) const;
     void adopt(ScopedFd fd);
-    void renewAfterFork();
+    [[nodiscard]] bool renewAfterFork() noexcept;
 
     void lookAtPath();
     void lookAtEnd(long size);
-    void setPeriod(long seconds);
-    bool isInPeriod(long seconds) const;
-    std::size_t room() const;
+
+    LogPeriod periodOf(long seconds) const;
+    void beginTextPeriod(long seconds);
     bool isRotationDue() const;
+    [[nodiscard]] bool canRotate();
+    ScopedFd makeNext(const struct stat& old) const;
     void rotate();
     void undoRotation();
     void finishRotation();
+    void keepTime() const;
 
+    std::size_t room() const;
     void commitLocked();
     [[nodiscard]] int write(std::size_t& written);
     void makeHead();
     void settle(std::size_t written, int error) noexcept;
-    void keepTime() const;
     void reportLoss();
-    void reportTrouble(const std::string& what, int error);
+    bool reportTrouble(const std::string& what, int error);
 
     const LogFileSettings mSettings;
-    std::string mPath;  // in the local set and absolute
+    std::string mPath;  // in the local set; absolute, but for devices and pipes
     std::unique_ptr<SystemLock> mLock;
     std::unique_ptr<State> mState;
     std::atomic<unsigned long> mLostInAll{0};
-    const State* mParents = nullptr;  // a fork may have found it half changed
 };
 
 }  // namespace ky::impl

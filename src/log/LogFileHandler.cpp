@@ -2,6 +2,7 @@
 
 #include "log/LogFile.h"
 #include "log/LogParameters.h"
+#include "log/LogThread.h"
 
 #include <limits>
 #include <memory>
@@ -25,7 +26,12 @@ const char* WhatIsWrong(const impl::LogFileSettings& settings)
     if (settings.interval < kyLog::TimeRotationInterval::None ||
         settings.interval > kyLog::TimeRotationInterval::Monthly)
         return "there is no such interval";
+    // As long as the longest mark and a number.
+    constexpr std::size_t longestName = 255 - 30;
     const unsigned long size = settings.maxFileSizeBytes;
+    const bool rotates = size != 0 || settings.interval != kyLog::TimeRotationInterval::None;
+    if (rotates && name.size() > longestName)
+        return "the name is too long to be put aside";
     if (size != 0 && (size < sSmallestFileBytes || size > std::numeric_limits<long>::max()))
         return "the size is not between 1024 and 2^63 - 1 bytes";
     return nullptr;
@@ -35,11 +41,9 @@ const char* WhatIsWrong(const impl::LogFileSettings& settings)
 
 bool kyLog::installFileHandlerUtf8(const std::string& pathUtf8, std::string* error)
 {
-    const std::string::size_type slash = pathUtf8.rfind('/');
-    const bool hasFolder = slash != std::string::npos;
-    const std::string folder = hasFolder ? pathUtf8.substr(0, slash == 0 ? 1 : slash) : ".";
-    return installFileHandlerExUtf8(folder, hasFolder ? pathUtf8.substr(slash + 1) : pathUtf8,
-                                    FileAppend, 0, 0, TimeRotationInterval::None, error);
+    const std::string::size_type base = pathUtf8.rfind('/') + 1;
+    return installFileHandlerExUtf8(pathUtf8.substr(0, base), pathUtf8.substr(base), FileAppend, 0,
+                                    0, TimeRotationInterval::None, error);
 }
 
 bool kyLog::installFileHandlerExUtf8(const std::string& folderUtf8, const std::string& baseName,
@@ -49,10 +53,13 @@ bool kyLog::installFileHandlerExUtf8(const std::string& folderUtf8, const std::s
 {
     if (error != nullptr)
         error->clear();
+    // Lines that other threads log meanwhile wait for the new file.
+    kyLogThread* const thread = mThread && !mThread->isInherited() ? mThread.get() : nullptr;
+    const kyLogThread::Hold hold(thread);
     removeFileHandler();
-    const bool endsInSlash = !folderUtf8.empty() && folderUtf8.back() == '/';
+    const bool needsSlash = !folderUtf8.empty() && folderUtf8.back() != '/';
     const impl::LogFileSettings settings = {
-        folderUtf8, baseName,     folderUtf8 + (endsInSlash ? "" : "/") + baseName,
+        folderUtf8, baseName,     folderUtf8 + (needsSlash ? "/" : "") + baseName,
         options,    maxFileCount, maxFileSizeBytes,
         interval};
     if (const char* const wrong = WhatIsWrong(settings)) {
@@ -64,11 +71,15 @@ bool kyLog::installFileHandlerExUtf8(const std::string& folderUtf8, const std::s
     const std::shared_ptr<impl::LogFile> file = impl::LogFile::Open(settings, error);
     if (!file)
         return false;
-    configure([&](kyLogParameters& parameters) {
+    const auto install = [&](kyLogParameters& parameters) {
         parameters.mFileSettings = settings;
         parameters.mFile = file;
         parameters.mEchoToConsole = (options & FileEchoToConsole) != 0;
-    });
+    };
+    if (thread != nullptr)
+        thread->configureHeld(*mParameters, install);
+    else
+        configure(install);
     return true;
 }
 

@@ -61,8 +61,7 @@ bool Consume(std::string_view& text, std::string_view pattern)
 
 bool IsMark(std::string_view text)
 {
-    for (const char* const pattern :
-         {"_0000-00-00-00-00-00", "_0000-00-00", "_0000-W00", "_0000-00"}) {
+    for (const char* const pattern : {"_#-00-00-00-00-00", "_#-00-00", "_#-W00", "_#-00"}) {
         std::string_view rest = text;
         if (Consume(rest, pattern) && (rest.empty() || (Consume(rest, "-#") && rest.empty())))
             return true;
@@ -191,9 +190,10 @@ std::string impl::RemoveOldest(const std::string& path, const std::string& newes
     std::string trouble;
     for (std::size_t i = 0; i + keep < files.size(); ++i) {
         const std::string file = name.folder + files[i].second;
-        if (::unlink(file.c_str()) != 0 && errno != ENOENT)
+        const int error = ::unlink(file.c_str()) == 0 ? 0 : errno;
+        if (error != 0 && error != ENOENT)
             trouble = "Fail to remove previous log file '" + ToUtf8Path(file) +
-                      "' error was : " + SystemError(errno).toString();
+                      "' error was : " + SystemError(error).toString();
     }
     return trouble;
 }

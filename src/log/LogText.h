@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string_view>
 
 namespace ky::impl {
@@ -27,8 +28,10 @@ public:
         end = std::copy(prefix.begin(), prefix.end(), end);
         end = std::copy(message.begin(), message.end(), end);
         *end++ = '\n';
-        mBytes = static_cast<std::size_t>(end - mText.data());
-        mEnds[mLines] = static_cast<std::uint32_t>(mBytes);
+        mEnds[mLines] = static_cast<std::uint32_t>(end - mText.data());
+        std::atomic_signal_fence(std::memory_order_release);
+        mBytes = mEnds[mLines];
+        std::atomic_signal_fence(std::memory_order_release);
         ++mLines;
     }
 
@@ -42,8 +45,9 @@ public:
 
     void clear()
     {
-        mLines = 0;
         mBytes = 0;
+        std::atomic_signal_fence(std::memory_order_release);
+        mLines = 0;
         mLong = {};
     }
 

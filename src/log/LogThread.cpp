@@ -103,8 +103,40 @@ void kyLogThread::flush()
     waitUntil([&] { return mWrittenTicket >= ticket; });
 }
 
+kyLogThread::Hold::Hold(kyLogThread* thread)
+    : mThread(thread == nullptr || thread->isCurrent() ? nullptr : thread)
+{
+    if (mThread == nullptr)
+        return;
+    const impl::InsideLog inside;
+    const kyMutexLocker lock(mThread->mMutex, true);
+    ++mThread->mHolds;
+}
+
+kyLogThread::Hold::~Hold()
+{
+    if (mThread == nullptr)
+        return;
+    const impl::InsideLog inside;
+    const kyMutexLocker lock(mThread->mMutex, true);
+    --mThread->mHolds;
+    mThread->wake();
+}
+
 void kyLogThread::configure(kyLogParameters& parameters,
                             const std::function<void(kyLogParameters&)>& change)
+{
+    makeChange(parameters, change, false);
+}
+
+void kyLogThread::configureHeld(kyLogParameters& parameters,
+                                const std::function<void(kyLogParameters&)>& change)
+{
+    makeChange(parameters, change, true);
+}
+
+void kyLogThread::makeChange(kyLogParameters& parameters,
+                             const std::function<void(kyLogParameters&)>& change, bool isHeld)
 {
     const impl::InsideLog inside;
     kyMutexLocker lock(mMutex, true);
@@ -126,9 +158,11 @@ void kyLogThread::configure(kyLogParameters& parameters,
         adoptShared();
         return;
     }
-    mBeforeChange.splice(mQueue);
-    mTicketBeforeChange = mQueuedTicket;
-    mQueuedBytes = 0;
+    mTicketBeforeChange = isHeld ? mWrittenTicket : mQueuedTicket;
+    if (!isHeld) {
+        mBeforeChange.splice(mQueue);
+        mQueuedBytes = 0;
+    }
     const std::uint64_t made = ++mConfigured;
     mFlushRequested = true;
     wake();
@@ -154,7 +188,7 @@ void kyLogThread::writeOwn(Batch& batch)
 
 bool kyLogThread::hasWork() const
 {
-    return !mQueue.empty() || !mBeforeChange.empty() || mAdopted != mConfigured;
+    return (!mQueue.empty() && mHolds == 0) || !mBeforeChange.empty() || mAdopted != mConfigured;
 }
 
 void kyLogThread::wake()
@@ -324,6 +358,7 @@ bool kyLogThread::writeFromCrash(Batch& batch, unsigned long patienceMs)
     if (isCurrent()) {
         kyLog::WriteImpl(mWorking, batch);
         impl::FinishInterruptedBatch();
+        impl::WriteQueue(mWorking, mInWork);
         if (lockWithin(patienceMs)) {
             writeRestHere();
             mMutex.unlock();

@@ -40,6 +40,24 @@ public:
     void configure(kyLogParameters& parameters,
                    const std::function<void(kyLogParameters&)>& change);
 
+    /// While it lives nothing that is queued is written, so that entries which come between two
+    /// changes are written under the second, made with `configureHeld`. Null, and on the thread
+    /// itself, it does nothing.
+    class Hold {
+    public:
+        explicit Hold(kyLogThread* thread);
+        ~Hold();
+        Hold(const Hold&) = delete;
+        Hold& operator=(const Hold&) = delete;
+
+    private:
+        kyLogThread* const mThread;
+    };
+
+    /// `configure`, but what is queued already is written the new way.
+    void configureHeld(kyLogParameters& parameters,
+                       const std::function<void(kyLogParameters&)>& change);
+
     /// Whether the caller runs on this thread.
     bool isCurrent() const;
 
@@ -74,6 +92,8 @@ private:
 
     class Ending;
 
+    void makeChange(kyLogParameters& parameters,
+                    const std::function<void(kyLogParameters&)>& change, bool isHeld);
     bool hasWork() const;
     void adoptShared();
     void waitForWork(kyMutexLocker& lock);
@@ -103,6 +123,7 @@ private:
     kyLogParameters mShared;
     impl::EntryChunks mSpare;
     unsigned int mWaiters = 0;
+    unsigned int mHolds = 0;
     bool mChangedByHandler = false;  // in the round that is being written
     bool mIdle = false;
     bool mFlushRequested = false;

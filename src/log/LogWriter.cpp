@@ -164,8 +164,22 @@ public:
         : Writing(p), mBatch(batch), mNext(batch.begin())
     {}
 
+    /// Takes everything out of `queue`, or as much as there is memory for.
+    BatchWriting(kyLogParameters& p, Batch& batch, impl::EntryQueue& queue) noexcept
+        : Writing(p), mBatch(batch), mQueue(&queue)
+    {}
+
     void finish() override
     {
+        if (mQueue != nullptr) {
+            try {
+                mQueue->moveTo(mBatch);
+            } catch (const std::bad_alloc&) {
+                // The others come later.
+            }
+            mQueue = nullptr;
+            mNext = mBatch.begin();
+        }
         // The position moves on after the writing, so that a crash in between repeats a line
         // rather than losing it.
         for (; mNext != mBatch.end(); ++mNext) {
@@ -180,6 +194,7 @@ public:
 
 private:
     Batch& mBatch;
+    impl::EntryQueue* mQueue = nullptr;
     Batch::iterator mNext;
     bool mIsHandedOver = false;
 };
@@ -252,8 +267,10 @@ void impl::WriteQueue(kyLogParameters& parameters, EntryQueue& queue)
     if (parameters.mHandler == nullptr)
         return QueueWriting(parameters, queue).finish();
     Batch batch;
-    queue.moveTo(batch);
-    BatchWriting(parameters, batch).finish();
+    BatchWriting(parameters, batch, queue).finish();
+    // What did not find the memory for a list still reaches the other sinks.
+    if (!queue.empty())
+        QueueWriting(parameters, queue).finish();
 }
 
 std::string impl::SystemLogText(const kyLog::LogEntry& entry)

@@ -19,6 +19,7 @@
 #include <pthread.h>
 #include <syslog.h>
 #include <cstdlib>
+#include <ctime>
 
 namespace ky {
 namespace {
@@ -235,9 +236,9 @@ void kyLog::writeFromCrash(std::string_view lines)
     const unsigned long now = kySystemUtils::GetTimeBaseMs();
     const unsigned long stuckSince = sStuckSinceMs.load(std::memory_order_relaxed);
     const bool isStuck = stuckSince != 0 && now - stuckSince < reportMs;
-    if (!mThread || mThread->isInherited()) {
-        WriteImpl(*mParameters, batch);
-    } else if (isStuck || !mThread->writeFromCrash(batch, sPatienceMs)) {
+    const bool isHere = !mThread || mThread->isInherited();
+    if (isStuck ||
+        !(isHere ? writeHereFromCrash(batch) : mThread->writeFromCrash(batch, sPatienceMs))) {
         if (!isStuck)
             sStuckSinceMs.store(kySystemUtils::GetTimeBaseMs(), std::memory_order_relaxed);
         for (const LogEntry& lost : copies) {
@@ -245,6 +246,22 @@ void kyLog::writeFromCrash(std::string_view lines)
             impl::WriteLine(mParameters->echoesToConsole() ? std::cout : std::cerr, line);
         }
     }
+}
+
+/// Where the log writes on the caller's thread. False when another thread does so for too long.
+bool kyLog::writeHereFromCrash(std::list<LogEntry>& batch)
+{
+    const unsigned long since = kySystemUtils::GetTimeBaseMs();
+    while (!ChildLock::TryTake()) {
+        if (kySystemUtils::GetTimeBaseMs() - since > sPatienceMs)
+            return false;
+        const std::timespec nap{0, 200000};
+        ::nanosleep(&nap, nullptr);
+    }
+    WriteImpl(*mParameters, batch);
+    impl::FinishInterruptedBatch();
+    ChildLock::Give();
+    return true;
 }
 
 void kyLog::FlushAtExit()

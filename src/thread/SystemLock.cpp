@@ -51,11 +51,6 @@ int WhyNotRegular(mode_t mode)
     return S_ISDIR(mode) ? EISDIR : EEXIST;
 }
 
-impl::ScopedFd CreateFile(const std::string& path)
-{
-    return impl::ScopedFd(::open(path.c_str(), sFlags | O_CREAT | O_EXCL, sMode));
-}
-
 /// Looks before it opens: to open a pipe or a device can already have an effect on it.
 impl::ScopedFd OpenRegularFile(const std::string& path)
 {
@@ -73,20 +68,6 @@ impl::ScopedFd OpenRegularFile(const std::string& path)
     return {};
 }
 
-/// Creating comes second: in a folder that all may write to, the kernel refuses to open another
-/// user's file with O_CREAT (proc(5), fs.protected_regular).
-impl::ScopedFd OpenFile(const std::string& path)
-{
-    while (true) {
-        impl::ScopedFd fd = OpenRegularFile(path);
-        if (fd || errno != ENOENT)
-            return fd;
-        fd = CreateFile(path);
-        if (fd || errno != EEXIST)
-            return fd;
-    }
-}
-
 bool IsAtPath(int fd, const std::string& path)
 {
     struct stat opened;
@@ -102,10 +83,35 @@ bool LockFile(int fd, int operation)
 
 }  // namespace
 
+impl::ScopedFd impl::SystemLock::createFile() const
+{
+    const bool isChosen = mMode != sAsUmaskSays;
+    ScopedFd fd(::open(mPath.c_str(), sFlags | O_CREAT | O_EXCL, isChosen ? 0600 : sMode));
+    if (fd && isChosen) {
+        static_cast<void>(::fchown(fd.get(), static_cast<uid_t>(-1), mGroup) == 0);
+        static_cast<void>(::fchmod(fd.get(), mMode));
+    }
+    return fd;
+}
+
+/// Creating comes second: in a folder that all may write to, the kernel refuses to open another
+/// user's file with O_CREAT (proc(5), fs.protected_regular).
+impl::ScopedFd impl::SystemLock::openFile() const
+{
+    while (true) {
+        ScopedFd fd = OpenRegularFile(mPath);
+        if (fd || errno != ENOENT)
+            return fd;
+        fd = createFile();
+        if (fd || errno != EEXIST)
+            return fd;
+    }
+}
+
 int impl::SystemLock::open(const std::string& name)
 {
     mPath = impl::ToLocalPath(PathUtf8(name));
-    return mPath.empty() ? ENOENT : keep(OpenFile(mPath));
+    return mPath.empty() ? ENOENT : keep(openFile());
 }
 
 /// The host's generator may draw the same in every process, so a name counts only when its file is
@@ -116,7 +122,7 @@ int impl::SystemLock::openUnnamed(std::string& name)
     for (int draw = 0; draw < sMaxDraws && error == EEXIST; ++draw) {
         name = DrawName(draw >= sDrawsOfTheHost);
         mPath = PathUtf8(name);
-        error = keep(CreateFile(mPath));
+        error = keep(createFile());
     }
     return error;
 }
@@ -136,7 +142,7 @@ int impl::SystemLock::keep(impl::ScopedFd fd)
 /// Puts what is at the path now under the same descriptor number.
 bool impl::SystemLock::reopen()
 {
-    const impl::ScopedFd fd = OpenFile(mPath);
+    const impl::ScopedFd fd = openFile();
     if (!fd)
         return false;
     const int kept = ::fileno(mFile.get());

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <string>
 
+#include <sys/types.h>
+
 namespace ky::impl {
 
 /// The inter-process lock that `kyMutexSystem` is made of, without its reports: flock(2) on a file
@@ -14,6 +16,9 @@ namespace ky::impl {
 class SystemLock {
 public:
     SystemLock() = default;
+
+    /// A lock file that is made gets this mode, whatever the umask, and this group where allowed.
+    SystemLock(mode_t mode, gid_t group) : mMode(mode), mGroup(group) {}
 
     /// Removes the file when nobody holds the lock. A forked copy only closes.
     ~SystemLock();
@@ -42,6 +47,13 @@ private:
         return mOpenerId.load(std::memory_order_relaxed) != CachedProcessId();
     }
 
+    ScopedFd createFile() const;
+    ScopedFd openFile() const;
+
+    static constexpr mode_t sAsUmaskSays = ~mode_t{0};
+
+    const mode_t mMode = sAsUmaskSays;
+    const gid_t mGroup = 0;
     ScopedFile mFile;
     std::string mPath;
     const unsigned long mCreatorId = CachedProcessId();

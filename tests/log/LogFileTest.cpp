@@ -6,11 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <limits>
 #include <map>
 #include <numeric>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -244,6 +247,25 @@ TEST(LogFileByTime, PutsEveryDayWeekAndMonthIntoAFileOfItsName)
     }
 }
 
+TEST_F(LogFile, KnowsThePeriodOfAFileThatOthersHaveRemovedOrTruncated)
+{
+    const auto logOn = [](const std::string& day) { LogAt((day + " 12:00:00").c_str(), day); };
+    ASSERT_TRUE(install(0, 0, 0, Interval::Daily));
+    logOn("2031-05-05");
+    fs::remove(current);
+    logOn("2031-05-05");
+    logOn("2031-05-06");
+    fs::resize_file(current, 0);
+    logOn("2031-05-07");
+    logOn("2031-05-07");
+    logOn("2031-05-08");
+    const std::map<std::string, Messages> expected = {
+        {"app_2031-05-05.log", {"2031-05-05"}},
+        {"app_2031-05-07.log", {"2031-05-07", "2031-05-07"}},
+        {"app.log", {"2031-05-08"}}};
+    EXPECT_EQ(FilesIn(logs), expected);
+}
+
 TEST_F(LogFile, FollowsItsPathAndKeepsTheOldFileUntilThereIsANewOne)
 {
     const fs::path aside = folder.path("aside");
@@ -343,6 +365,7 @@ TEST_F(LogFile, RefusesWhatCannotBeALogFileAndSaysWhy)
         {home, "x", 8, 0, 0, "Fail to install log file handler to '"},
         {home, "x", 0, 1023, 0, "Fail to install log file handler to '"},
         {home, "x", 0, max + 1, 0, "Fail to install log file handler to '"},
+        {home, std::string(250, 'n'), 0, 1024, 0, "Fail to install log file handler to '"},
         {home, "x", 0, 0, 4, "Fail to install log file handler to '"},
         {home, "x", 0, 0, -1, "Fail to install log file handler to '"},
     };
@@ -414,11 +437,62 @@ TEST(LogFileInTheBackground, GetsAllLinesInOrderBeforeACrashEndsTheProcess)
             if (number == 0)
                 break;  // the report
             int& before = last[static_cast<std::size_t>((number - 1) / 5000)];
-            EXPECT_TRUE(before == 0 || number == before + 1);
+            EXPECT_EQ(number, before == 0 ? (number - 1) / 5000 * 5000 + 1 : before + 1);
             before = number;
         }
         EXPECT_EQ(last, (std::vector<int>{5000, 10000, 15000, 20000}));
     }
+}
+
+struct LogFileAtWork : ky::test::FullLibrary {};
+
+TEST_F(LogFileAtWork, SplitsABatchByDaysAndSizes)
+{
+    const ky::test::TemporaryFolder folder;
+    kyLog& log = *kyLog::Instance();
+    ASSERT_TRUE(
+        log.installFileHandlerExUtf8(folder.path("logs"), "app.log", 0, 0, 4096, Interval::Daily));
+    const std::vector<std::string> days = {"2031-05-05", "2031-05-06", "2031-05-07"};
+    std::map<std::string, Messages> expected;
+    for (const std::string& day : days)
+        for (int i = 0; i < 20; ++i) {
+            LogAt((day + " 12:00:00").c_str(), day);
+            expected[day == days.back() ? "app.log" : "app_" + day + ".log"].push_back(day);
+        }
+    log.flush();
+    EXPECT_EQ(FilesIn(folder.path("logs")), expected);
+    const std::string line(100, 'x');
+    for (int i = 0; i < 2000; ++i)
+        LogAt("2031-05-07 12:00:00", line);
+    log.flush();
+    for (const auto& entry : fs::directory_iterator(folder.path("logs")))
+        EXPECT_LE(entry.file_size(), 4096u);
+}
+
+TEST_F(LogFileAtWork, LosesNothingBetweenTwoFiles)
+{
+    const ky::test::TemporaryFolder folder;
+    kyLog& log = *kyLog::Instance();
+    std::atomic<bool> stop = false;
+    std::atomic<int> count = 0;
+    ASSERT_TRUE(log.installFileHandlerUtf8(folder.path("logs/0.log")));
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 3; ++thread)
+        threads.emplace_back([&] {
+            while (!stop)
+                Log(std::to_string(++count));
+        });
+    for (int i = 1; i <= 30; ++i) {
+        for (const int before = count; count < before + 100;)
+            std::this_thread::yield();
+        ASSERT_TRUE(
+            log.installFileHandlerUtf8(folder.path("logs/" + std::to_string(i % 2) + ".log")));
+    }
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    log.flush();
+    ExpectNumbers(FilesIn(folder.path("logs")), count);
 }
 
 TEST_F(LogFile, IsSharedWithAForkedChild)

@@ -162,3 +162,29 @@ TEST(InfoCommand, PrintsVersionProcessMemoryAndClocks)
     for (const char* what : {"3.0.0.1226", "process ", " bytes resident", "+0000", " ms ("})
         EXPECT_TRUE(Contains(result.out, what)) << what << " in\n" << result.out;
 }
+
+TEST(LogCommand, WritesALogFileWithEveryOption)
+{
+    const ky::test::TemporaryFolder folder;
+    const std::string path = folder.write("app.log", "old\n");
+    std::string input;
+    for (int i = 0; i < 100; ++i)
+        input += "a line that is long enough to fill a file of 1024 bytes after a while\n";
+    const auto full = RunCommand({KY_COMMAND, "log", "-q", "--file", path, "--replace", "--rotate",
+                                  "monthly", "--max-size", "1K", "--max-files", "3"},
+                                 input);
+    EXPECT_EQ(full.exitCode, 0) << full.err;
+    EXPECT_EQ(full.out, "");
+    const auto files =
+        RunCommand({"sh", "-c", "cd \"$0\"; cat *.log | grep -c old; ls | wc -l", folder.path("")});
+    EXPECT_EQ(files.out, "0\n3\n");
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"--file=", path}, {"--file", path, path}, {"--file", "/dev/full"}}) {
+        std::vector<std::string> command = {KY_COMMAND, "log"};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        const auto result = RunCommand(command, "line\n");
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_NE(result.err, "");
+    }
+    EXPECT_EQ(RunCommand({KY_COMMAND, "log", "--max-files", "3"}, "line\n").exitCode, 2);
+}

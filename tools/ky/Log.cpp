@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,7 @@ struct Options {
     std::string subType;
     std::string systemLogName;
     bool quiet = false;
-    std::string logFile;
+    std::optional<std::string> logFile;
     bool replace = false;
     bool shared = false;
     unsigned int maxFiles = 0;
@@ -94,7 +95,8 @@ bool OutputFailed()
 
 bool IsSameFile(const struct ::stat& one, const struct ::stat& other)
 {
-    return S_ISREG(one.st_mode) && one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+    return (S_ISREG(one.st_mode) || S_ISFIFO(one.st_mode)) && one.st_dev == other.st_dev &&
+           one.st_ino == other.st_ino;
 }
 
 /// Whether what is logged would be read again: a file that is standard output too never ends.
@@ -157,9 +159,9 @@ bool LogFile(const std::string& path, const Options& options)
 /// True without a log file too.
 bool InstallLogFile(kyLog& log, const Options& options)
 {
-    const std::string& path = options.logFile;
-    if (path.empty())
+    if (!options.logFile)
         return true;
+    const std::string& path = *options.logFile;
     for (const std::string& input : options.files) {
         if (!IsLogFileToo(input, path))
             continue;
@@ -171,9 +173,9 @@ bool InstallLogFile(kyLog& log, const Options& options)
     if (options.shared)
         flags |= kyLog::FileShared;
     std::string error;
-    if (log.installFileHandlerExUtf8(base == 0 ? "." : path.substr(0, base), path.substr(base),
-                                     flags, options.maxFiles, options.maxSizeBytes,
-                                     options.interval, &error))
+    if (log.installFileHandlerExUtf8(path.substr(0, base), path.substr(base), flags,
+                                     options.maxFiles, options.maxSizeBytes, options.interval,
+                                     &error))
         return true;
     std::cerr << "ky: " << error << '\n';
     return false;
