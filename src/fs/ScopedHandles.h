@@ -3,6 +3,7 @@
 #include <memory>
 #include <utility>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 #include <cerrno>
@@ -68,9 +69,43 @@ private:
     int mFd = -1;
 };
 
+/// Leaves `errno` as it was.
 struct HandleCloser {
-    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
+    void operator()(std::FILE* file) const
+    {
+        const int savedErrno = errno;
+        static_cast<void>(std::fclose(file));
+        errno = savedErrno;
+    }
+    void operator()(DIR* folder) const
+    {
+        const int savedErrno = errno;
+        ::closedir(folder);
+        errno = savedErrno;
+    }
 };
 using ScopedFile = std::unique_ptr<std::FILE, HandleCloser>;
+using ScopedDir = std::unique_ptr<DIR, HandleCloser>;
+
+/// A stream or folder stream, made by `make` (fdopen(3), fdopendir(3)), that takes `fd` over; null
+/// with `errno` when there is no descriptor or the stream fails.
+template <typename Handle, typename Make>
+std::unique_ptr<Handle, HandleCloser> StreamOver(ScopedFd fd, Make make)
+{
+    std::unique_ptr<Handle, HandleCloser> stream;
+    if (fd)
+        stream.reset(make(fd.get()));
+    if (stream)
+        fd.release();
+    return stream;
+}
+
+/// As fopen(3), with the `flags` of open(2) in place of those that `mode` stands for.
+inline ScopedFile OpenStream(const char* localPath, int flags, const char* mode)
+{
+    return StreamOver<std::FILE>(
+        ScopedFd(RetryOnEintr([&] { return ::open(localPath, flags | O_CLOEXEC, 0666); })),
+        [&](int fd) { return ::fdopen(fd, mode); });
+}
 
 }  // namespace ky::impl

@@ -3,6 +3,7 @@
 #include "ky/UUID.h"
 #include "ky/kyRandomUtils.h"
 
+#include "fs/SameFile.h"
 #include "text/LocalPath.h"
 
 #include <algorithm>
@@ -66,14 +67,6 @@ impl::ScopedFd OpenRegularFile(const std::string& path)
     }
     errno = WhyNotRegular(info.st_mode);
     return {};
-}
-
-bool IsAtPath(int fd, const std::string& path)
-{
-    struct stat opened;
-    struct stat present;
-    return ::fstat(fd, &opened) == 0 && ::lstat(path.c_str(), &present) == 0 &&
-           opened.st_dev == present.st_dev && opened.st_ino == present.st_ino;
 }
 
 bool LockFile(int fd, int operation)
@@ -158,7 +151,7 @@ impl::SystemLock::~SystemLock()
         return;
     // Under the lock: without it, a holder and whoever creates the file next would both go on.
     const int fd = ::fileno(mFile.get());
-    if (LockFile(fd, LOCK_EX | LOCK_NB) && IsAtPath(fd, mPath))
+    if (LockFile(fd, LOCK_EX | LOCK_NB) && IsAtPath(fd, mPath, AT_SYMLINK_NOFOLLOW))
         ::unlink(mPath.c_str());
 }
 
@@ -169,7 +162,7 @@ void impl::SystemLock::lock()
     const int fd = ::fileno(mFile.get());
     // Whoever removed the file held the lock on it until then. Once the path has another file, or
     // none, others lock that one.
-    while (LockFile(fd, LOCK_EX) && !IsAtPath(fd, mPath)) {
+    while (LockFile(fd, LOCK_EX) && !IsAtPath(fd, mPath, AT_SYMLINK_NOFOLLOW)) {
         if (!reopen())
             return;
     }

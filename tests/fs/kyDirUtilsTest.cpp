@@ -1,0 +1,315 @@
+#include "ky/kyDirUtils.h"
+
+#include "ky/SystemError.h"
+
+#include "support/Child.h"
+#include "support/Library.h"
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
+
+namespace fs = std::filesystem;
+using ky::kyDirUtils;
+
+namespace {
+
+struct DirUtils : ky::test::LightLibrary {
+    const ky::test::TemporaryFolder folder;
+    std::string error = "of an earlier call";
+};
+
+std::string Content(const std::string& path)
+{
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+std::string Text(int errorNumber)
+{
+    return ky::SystemError(errorNumber).toString();
+}
+
+void ExpectChildPasses(const std::function<void()>& body)
+{
+    const auto result = ky::test::RunInChild(body);
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+}
+
+}  // namespace
+
+TEST_F(DirUtils, TellsWhatAnEntryIs)
+{
+    const std::string file = folder.write("file", "12345");
+    const std::string fifo = folder.path("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    fs::create_symlink("nowhere", folder.path("dangling"));
+    const struct {
+        std::string path;
+        bool exists, isFile, isDir;
+    } rows[] = {{file, true, true, false},
+                {fifo, true, false, false},
+                {folder.path(""), true, false, true},
+                {folder.path("dangling"), false, false, false},
+                {file + std::string("\0", 1), false, false, false},
+                {"", false, false, false}};
+    ky::kyFileInfoUtf8 info;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        kyDirUtils::GetFileInfoUtf8(row.path, info);
+        EXPECT_EQ(info.path, row.path);
+        EXPECT_EQ(info.exists, row.exists);
+        EXPECT_EQ(info.isFile, row.isFile);
+        EXPECT_EQ(info.isDir, row.isDir);
+        EXPECT_EQ(info.size != 0 && info.modificationTime != 0, row.isFile || row.isDir);
+        EXPECT_EQ(kyDirUtils::FileExistsUtf8(row.path), row.exists);
+        EXPECT_EQ(kyDirUtils::DirExistsUtf8(row.path), row.isDir);
+    }
+    struct timespec times[] = {{1, 0}, {2, 0}};
+    ::utimensat(AT_FDCWD, file.c_str(), times, 0);
+    kyDirUtils::GetFileInfoUtf8(file, info);
+    kyDirUtils::GetFileInfoUtf8(info.path, info);
+    EXPECT_EQ(info.path, file);
+    EXPECT_EQ(info.accessTime, 1);
+    EXPECT_EQ(info.modificationTime, 2);
+    EXPECT_EQ(info.size, 5);
+    EXPECT_GT(info.changeTime, 2);
+
+    auto other = info;
+    other.accessTime = 9;
+    EXPECT_TRUE(other == info) << "read meanwhile";
+    other.path += "/";
+    EXPECT_TRUE(other != info);
+    other = info;
+    other.isDir = true;
+    EXPECT_TRUE(other != info);
+    info.clearInfos();
+    EXPECT_TRUE(info == ky::kyFileInfoUtf8() && info.accessTime == 0);
+}
+
+TEST_F(DirUtils, KnowsTheFileSystem)
+{
+    // kept: with what is reserved for the super-user.
+    struct statvfs system;
+    ASSERT_EQ(::statvfs("/dev", &system), 0);
+    EXPECT_NEAR(static_cast<double>(kyDirUtils::GetAvailableDiskSizeUtf8("/dev", error)),
+                static_cast<double>(system.f_bsize) * static_cast<double>(system.f_bfree), 1e6);
+    EXPECT_EQ(error, "");
+    error = "of an earlier call";
+    EXPECT_EQ(kyDirUtils::GetAvailableDiskSizeUtf8(folder.path("none"), error), 0u);
+    EXPECT_EQ(error, "");
+    EXPECT_FALSE(kyDirUtils::IsNetworkPath("/proc"));
+    EXPECT_FALSE(kyDirUtils::IsNetworkPath(folder.path("none")));
+}
+
+TEST_F(DirUtils, FindsTheFoldersOfUserAndProcess)
+{
+    ExpectChildPasses([&] {
+        const std::string home = folder.path("h\u00f6me");
+        fs::create_directories(home);
+        ::setenv("HOME", home.c_str(), 1);
+        EXPECT_EQ(kyDirUtils::GetDocumentsFolderUtf8(), home);
+        fs::create_directory(home + "/Documents");
+        EXPECT_EQ(kyDirUtils::GetDocumentsFolderUtf8(), home + "/Documents");
+        EXPECT_EQ(kyDirUtils::GetPicturesFolderUtf8(), home + "/Pictures");
+        EXPECT_EQ(kyDirUtils::GetDownloadFolderUtf8(), home + "/Downloads");
+        EXPECT_EQ(kyDirUtils::GetAppDataFolderUtf8("\u00e4pp"), home + "/.\u00e4pp");
+        ::unsetenv("HOME");
+        EXPECT_EQ(kyDirUtils::GetDocumentsFolderUtf8(), ".");
+        EXPECT_EQ(kyDirUtils::GetPicturesFolderUtf8(), "./Pictures");
+
+        ::setenv("TMPDIR", "/no/such/", 1);
+        EXPECT_EQ(kyDirUtils::GetTempFolderUtf8(), "/no/such/");
+        ::setenv("TMPDIR", "", 1);
+        EXPECT_EQ(kyDirUtils::GetTempFolderUtf8(), "");
+        ::unsetenv("TMPDIR");
+        EXPECT_EQ(kyDirUtils::GetTempFolderUtf8(), "/tmp");
+
+        EXPECT_TRUE(kyDirUtils::SetCurrentWorkingDirUtf8(home));
+        EXPECT_EQ(kyDirUtils::GetCurrentWorkingDirUtf8(), home);
+        EXPECT_FALSE(kyDirUtils::SetCurrentWorkingDirUtf8(""));
+        std::string own;
+        EXPECT_TRUE(kyDirUtils::GetProcessFolderUtf8(own));
+        EXPECT_EQ(own, fs::read_symlink("/proc/self/exe").parent_path().string());
+    });
+}
+
+TEST_F(DirUtils, FailsRatherThanTakeAnotherNameInTheCLocale)
+{
+    ExpectChildPasses([&] {
+        ky::terminateKySystem();
+        ::setenv("LC_ALL", "C", 1);
+        ky::initializeKySystem(ky::InitType::Light, false);
+        // What a conversion that gives something for everything would find.
+        const std::string path = folder.path("\u00e9");
+        for (const char* name : {"?", "e"})
+            folder.write(name, "of somebody else");
+        ::setenv("HOME", path.c_str(), 1);
+        const std::function<bool()> operations[] = {
+            [&] { return kyDirUtils::FileExistsUtf8(path); },
+            [&] { return kyDirUtils::MkpathUtf8(path); },
+            [&] { return kyDirUtils::GrantAllFilePermissionsUtf8(path); },
+            [&] { return kyDirUtils::CopyFileUtf8(folder.path("e"), path, true); },
+            [&] { return kyDirUtils::CopyFileUtf8(path, folder.path("f"), true); },
+            [&] { return kyDirUtils::RenameFileUtf8(path, folder.path("f")); },
+            [&] { return kyDirUtils::RemoveFileUtf8(path); },
+            [&] { return !kyDirUtils::GetTempFileUtf8(path, "x").empty(); },
+            [&] { return !kyDirUtils::GetAbsolutePathUtf8("\u00e9").empty(); }};
+        for (const auto& operation : operations) {
+            errno = 0;
+            EXPECT_FALSE(operation()) << &operation - operations;
+            EXPECT_EQ(errno, ENOENT) << &operation - operations;
+        }
+        EXPECT_EQ(kyDirUtils::GetPicturesFolderUtf8(), "");
+        ::setenv("HOME", "/home", 1);
+        EXPECT_EQ(kyDirUtils::GetAppDataFolderUtf8("\u00e9"), "/home/.\u00e9");
+        EXPECT_EQ(Content(folder.path("?")), "of somebody else");
+    });
+}
+
+TEST_F(DirUtils, MakesTemporaryFilesOfItsOwn)
+{
+    const std::string first = kyDirUtils::GetTempFileUtf8(folder.path(""), "\u00fc-");
+    const std::string second = kyDirUtils::GetTempFileUtf8(folder.path(""), "\u00fc-", "");
+    EXPECT_NE(first, second);
+    for (const std::string& file : {first, second}) {
+        EXPECT_EQ(file.compare(0, file.size() - 6, folder.path("/\u00fc-")), 0) << file;
+        EXPECT_TRUE(fs::is_empty(file));
+        EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+    }
+    // kept: the letters to replace are looked for at the end.
+    EXPECT_EQ(kyDirUtils::GetTempFileUtf8(folder.path(""), "a", ".txt"), "");
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_NE(kyDirUtils::GetTempFileUtf8(folder.path(""), "a", "XXXXXX"), "");
+    EXPECT_EQ(kyDirUtils::GetTempFileUtf8(folder.path("none"), "a"), "");
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(DirUtils, MakesEveryMissingFolder)
+{
+    const std::string file = folder.write("file", "");
+    fs::create_symlink("nowhere", folder.path("dangling"));
+    const struct {
+        std::string path;
+        int errorNumber;
+    } rows[] = {{folder.path("a//b/c/"), 0},
+                {folder.path("a/b"), 0},
+                {folder.path("a\\b"), 0},
+                {"", ENOENT},
+                {file, ENOTDIR},
+                {file + "/x", ENOTDIR},
+                {folder.path("dangling/x"), EEXIST},
+                {folder.path("z") + std::string("\0b", 2), ENOENT}};
+    for (const auto& [path, errorNumber] : rows) {
+        errno = 0;
+        EXPECT_EQ(kyDirUtils::MkpathUtf8(path), errorNumber == 0) << path;
+        EXPECT_TRUE(errorNumber == 0 || errno == errorNumber) << path << errno;
+        EXPECT_EQ(fs::is_directory(path), errorNumber == 0) << path;
+    }
+    // Whoever is faster, all succeed.
+    std::atomic<int> failures = 0;
+    const auto make = [&](int round) {
+        std::string path = folder.path(std::to_string(round));
+        for (int level = 0; level < 20; ++level)
+            path += "/d";
+        failures += !kyDirUtils::MkpathUtf8(path);
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 20; ++round)
+                make(round);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, 0);
+}
+
+TEST_F(DirUtils, GrantsAllPermissionsBesideThoseThatAreThere)
+{
+    const std::string file = folder.write("file", "");
+    ::chmod(file.c_str(), 01400);
+    EXPECT_TRUE(kyDirUtils::GrantAllFilePermissionsUtf8(file));
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(01777));
+    EXPECT_FALSE(kyDirUtils::GrantAllFilePermissionsUtf8(folder.path("none")));
+}
+
+TEST_F(DirUtils, CopiesBytes)
+{
+    std::string bytes(3 * 8192 + 1, '\0');
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>(i * 7 + i / 256);
+    const std::string source = folder.write("source", bytes);
+    const std::string destination = folder.write("destination", std::string(99999, 'x'));
+    const std::string none = folder.path("none");
+    const std::string noParent = folder.path("none/x");
+    fs::create_hard_link(source, folder.path("hard"));
+    fs::create_symlink(source, folder.path("link"));
+    const struct {
+        std::string source, destination;
+        bool overwrite;
+        std::string error;
+    } rows[] = {
+        // kept: the words blame the source.
+        {source, destination, false, "source file is missing '" + source + "'"},
+        {none, folder.path(""), false, "source file is missing '" + none + "'"},
+        {none, destination, true, "fail to open source file '" + none + "'"},
+        {source, noParent, true, "fail to open destination file '" + noParent + "'"},
+        {source, folder.path(""), true, "fail to open destination file '" + folder.path("") + "'"},
+        {source, source, true, ""},
+        {source, folder.path("hard"), true, ""},
+        {folder.path("link"), source, true, ""},
+        {source, folder.path("link"), true, ""},
+        {source, destination, true, ""},
+        {source, folder.path("new"), false, ""},
+        // kept: what cannot be read or written is no failure.
+        {source, "/dev/full", true, ""},
+        {folder.path(""), folder.path("empty"), true, ""},
+    };
+    for (const auto& row : rows) {
+        error = "of an earlier call";
+        EXPECT_EQ(kyDirUtils::CopyFileUtf8(row.source, row.destination, row.overwrite, &error),
+                  row.error.empty());
+        EXPECT_EQ(error, row.error);
+    }
+    for (const std::string& copy : {source, destination, folder.path("new")})
+        EXPECT_TRUE(Content(copy) == bytes) << copy;
+    EXPECT_TRUE(fs::is_empty(folder.path("empty")));
+    EXPECT_FALSE(kyDirUtils::CopyFileUtf8(none, destination, true));
+}
+
+TEST_F(DirUtils, RenamesAndRemoves)
+{
+    const std::string file = folder.write("file", "");
+    const std::string none = folder.path("none");
+    const std::string full = folder.path("full");
+    fs::create_directories(full + "/sub");
+    EXPECT_TRUE(kyDirUtils::RenameFileUtf8(file, folder.path("new"), &error));
+    EXPECT_EQ(error, "");
+    EXPECT_FALSE(kyDirUtils::RenameFileUtf8(file, none, &error));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(error, "rename error " + Text(ENOENT));
+
+    for (const std::string& path : {folder.path("new"), full + "/sub", std::string()}) {
+        error = "of an earlier call";
+        EXPECT_TRUE(kyDirUtils::RemoveFileUtf8(path, &error));
+        EXPECT_EQ(error, "");
+        EXPECT_FALSE(fs::exists(path));
+    }
+    folder.write("full/file", "");
+    for (const auto& [path, errorNumber] : {std::pair(full, ENOTEMPTY), std::pair(none, ENOENT)}) {
+        EXPECT_FALSE(kyDirUtils::RemoveFileUtf8(path, &error));
+        EXPECT_EQ(errno, errorNumber);
+        EXPECT_EQ(error, "remove error " + Text(errorNumber) + " for '" + path + "'");
+    }
+}
