@@ -1,0 +1,225 @@
+#include "ky/SystemError.h"
+#include "ky/kyLockFile.h"
+
+#include "support/Child.h"
+#include "support/Library.h"
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
+
+namespace fs = std::filesystem;
+using ky::kyLockFile;
+
+namespace {
+
+struct LockFile : ky::test::LightLibrary {
+    std::string content() const
+    {
+        std::string line;
+        std::getline(std::ifstream(path), line);
+        return line;
+    }
+
+    const ky::test::TemporaryFolder folder;
+    const std::string path = folder.path("l\u00f6ck");
+    const std::string owner =
+        "Lock from PID : " + std::to_string(::getpid()) + ", TID : " + std::to_string(::gettid());
+    const std::string held =
+        "Fail to acquire lock on existing file, " + ky::SystemError(EWOULDBLOCK).toString();
+    kyLockFile lock;
+    kyLockFile other;
+    bool fileExisted = true;
+    std::string error = "of an earlier call";
+};
+
+std::string Text(int errorNumber)
+{
+    return ky::SystemError(errorNumber).toString();
+}
+
+}  // namespace
+
+TEST_F(LockFile, PassesItsSelfCheckWhichNeedsAFolder)
+{
+    EXPECT_TRUE(kyLockFile::UnitTestUtf8(folder.path("")));
+    EXPECT_TRUE(fs::is_empty(folder.path("")));
+    EXPECT_FALSE(kyLockFile::UnitTestUtf8(folder.path("none")));
+}
+
+TEST_F(LockFile, FailsAtOnceWhileAnotherHoldsTheLock)
+{
+    ASSERT_TRUE(lock.takeLockUtf8(path, &fileExisted, kyLockFile::Exclusive, &error)) << error;
+    EXPECT_FALSE(fileExisted);
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(content(), owner);
+    EXPECT_FALSE(other.takeLockUtf8(path, &fileExisted, kyLockFile::Shared, &error));
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_EQ(error, held);
+    EXPECT_FALSE(fileExisted || other.isLocked());
+    // An owner excludes itself, and stays one.
+    EXPECT_FALSE(lock.takeLockUtf8(path, nullptr, kyLockFile::Exclusive, &error));
+    EXPECT_EQ(error, held);
+    EXPECT_TRUE(lock.isLocked());
+    EXPECT_FALSE(other.releaseLock(true, &error));
+    EXPECT_EQ(error, "File is not locked");
+    EXPECT_TRUE(fs::exists(path));
+
+    EXPECT_TRUE(lock.releaseLock(false, &error));
+    EXPECT_EQ(error, "");
+    std::ofstream(path) << std::string(owner.size(), '-') << " of a longer line";
+    {
+        kyLockFile last;
+        EXPECT_TRUE(last.takeLockUtf8(path, &fileExisted));
+        EXPECT_TRUE(fileExisted);
+        EXPECT_EQ(content(), owner + " of a longer line");
+    }
+    EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(LockFile, IsSharedByThoseWhoFindTheFile)
+{
+    // kept: who makes the file has it alone.
+    ASSERT_TRUE(lock.takeLockUtf8(path, &fileExisted, kyLockFile::Shared));
+    EXPECT_FALSE(other.takeLockUtf8(path, nullptr, kyLockFile::Shared));
+    lock.releaseLock(false);
+    EXPECT_TRUE(lock.takeLockUtf8(path, nullptr, kyLockFile::Shared));
+    EXPECT_TRUE(other.takeLockUtf8(path, nullptr, kyLockFile::Shared));
+    EXPECT_FALSE(kyLockFile().takeLockUtf8(path, nullptr, kyLockFile::LockType(2), &error));
+    EXPECT_EQ(error, held);
+    // kept: removed under the other's lock.
+    EXPECT_TRUE(lock.releaseLock(true));
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_FALSE(other.releaseLock(true, &error));
+    EXPECT_EQ(error,
+              "Fail to remove lock file, remove error " + Text(ENOENT) + " for '" + path + "'");
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(other.isLocked());
+}
+
+TEST_F(LockFile, LeavesAnotherFileAtItsPathAlone)
+{
+    ASSERT_TRUE(lock.takeLockUtf8(path));
+    fs::remove(path);
+    ASSERT_TRUE(other.takeLockUtf8(path)) << "the lock on a removed file keeps nobody out";
+    EXPECT_TRUE(lock.releaseLock(true, &error)) << error;
+    EXPECT_TRUE(fs::exists(path));
+    // Changing over leaves the file where it is.
+    EXPECT_TRUE(other.takeLockUtf8(folder.path("other")));
+    EXPECT_TRUE(lock.takeLockUtf8(path, &fileExisted));
+    EXPECT_TRUE(fileExisted);
+}
+
+TEST_F(LockFile, TellsWhyItCannotOpenTheFile)
+{
+    for (const auto& [bad, errorNumber] :
+         {std::pair(folder.path("none/x"), ENOENT), std::pair(folder.path(""), EISDIR),
+          std::pair(std::string(), ENOENT), std::pair(path + std::string("\0", 1), ENOENT)}) {
+        EXPECT_FALSE(lock.takeLockUtf8(bad, nullptr, kyLockFile::Exclusive, &error));
+        EXPECT_EQ(errno, errorNumber);
+        EXPECT_EQ(error, "Fail to open lock file in w+, " + Text(errorNumber));
+        EXPECT_FALSE(lock.takeLockUtf8(bad));
+    }
+}
+
+TEST_F(LockFile, EndsWithItsOwnerAndNotWithAProgramOfIts)
+{
+    int started[2];
+    ASSERT_EQ(::pipe2(started, O_CLOEXEC), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        kyLockFile owned;
+        pid_t program = 0;
+        char* const arguments[] = {const_cast<char*>("sleep"), const_cast<char*>("60"), nullptr};
+        // Returns when the program runs.
+        if (owned.takeLockUtf8(path))
+            ::posix_spawnp(&program, "sleep", nullptr, nullptr, arguments, environ);
+        static_cast<void>(::write(started[1], &program, sizeof program));
+        ::pause();
+    }
+    pid_t program = 0;
+    EXPECT_EQ(::read(started[0], &program, sizeof program), ssize_t{sizeof program});
+    EXPECT_FALSE(lock.takeLockUtf8(path));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_TRUE(lock.takeLockUtf8(path, &fileExisted, kyLockFile::Exclusive, &error)) << error;
+    EXPECT_TRUE(fileExisted);
+    EXPECT_EQ(::kill(program, SIGKILL), 0) << "it was to be there still";
+    for (const int fd : started)
+        ::close(fd);
+}
+
+TEST_F(LockFile, TellsEachFailureOfAReleaseInOrder)
+{
+    const int lowest = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::close(lowest);
+    ASSERT_TRUE(lock.takeLockUtf8(path));
+    fs::remove(path);
+    ::close(lowest);
+    EXPECT_FALSE(lock.releaseLock(true, &error));
+    EXPECT_EQ(error, "Fail to release lock on file, " + Text(EBADF) +
+                         ", Fail to remove lock file, remove error " + Text(ENOENT) + " for '" +
+                         path + "'");
+    EXPECT_FALSE(lock.isLocked());
+}
+
+TEST_F(LockFile, RemovesNothingWhenItsPathCannotBeConvertedAnyMore)
+{
+    const auto result = ky::test::RunInChild([&] {
+        auto last = std::make_unique<kyLockFile>();
+        EXPECT_TRUE(last->takeLockUtf8(path));
+        ky::terminateKySystem();
+        last.reset();
+        EXPECT_TRUE(fs::exists(path));
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+}
+
+TEST_F(LockFile, NeverHasTwoOwnersThoughEachRemovesTheFile)
+{
+    constexpr int processes = 8;
+    struct Arena {
+        std::atomic<int> owner, takes, violations;
+    };
+    auto& arena = *static_cast<Arena*>(
+        ::mmap(nullptr, sizeof(Arena), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const auto contend = [&](int number) {
+        while (arena.takes < 500) {
+            if (!lock.takeLockUtf8(path, nullptr, kyLockFile::Exclusive, &error)) {
+                // Taken, or made and taken, by somebody else.
+                arena.violations += error != held && error != "Fail to set lock on created file, " +
+                                                                  Text(EWOULDBLOCK);
+                continue;
+            }
+            arena.violations += arena.owner.exchange(number) != 0;
+            ++arena.takes;
+            std::this_thread::yield();
+            arena.violations += arena.owner.exchange(0) != number;
+            arena.violations += !lock.releaseLock(true);
+        }
+    };
+    std::vector<pid_t> children;
+    for (int number = 1; number <= processes; ++number) {
+        children.push_back(::fork());
+        if (children.back() == 0) {
+            contend(number);
+            ::_exit(0);
+        }
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_EQ(arena.violations, 0);
+}
