@@ -2,6 +2,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <string>
+#include <vector>
+
 namespace ky::tool {
 
 /// Exit codes of every sub-command.
@@ -14,5 +17,8 @@ constexpr int sUsageError = 2;
 void AddCrash(CLI::App& app, int& exitCode);
 void AddInfo(CLI::App& app, int& exitCode);
 void AddLog(CLI::App& app, int& exitCode);
+
+/// `command` is what stands behind "--", which belongs to the program that is to run.
+void AddLock(CLI::App& app, const std::vector<std::string>& command, int& exitCode);
 
 }  // namespace ky::tool

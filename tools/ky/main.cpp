@@ -3,6 +3,7 @@
 
 #include "ky/kyVersion.h"
 
+#include <algorithm>
 #include <new>
 #include <string>
 #include <utility>
@@ -12,14 +13,31 @@
 
 namespace {
 
-/// The arguments, last one first, as the parser takes them. "--name=" is split: the parser would
-/// take the next argument for the value that is empty here.
-std::vector<std::string> Arguments(int argc, char** argv)
+/// The sub-commands that run another program, whose command line is none of the parser's business:
+/// it would take "[a,b]" for two arguments.
+bool RunsProgram(int argc, char** argv)
+{
+    return argc > 1 && argv[1] == std::string("lock");
+}
+
+/// The place of the first "--", or `argc`.
+int PlaceOfMark(int argc, char** argv)
+{
+    int place = 1;
+    while (place < argc && argv[place] != std::string("--"))
+        ++place;
+    return std::min(place, argc);
+}
+
+/// The arguments before `end`, last one first, as the parser takes them. "--name=" before `mark` is
+/// split: the parser would take the next argument for the value that is empty here.
+std::vector<std::string> Arguments(int end, int mark, char** argv)
 {
     std::vector<std::string> arguments;
-    for (int i = argc - 1; i > 0; --i) {
+    for (int i = end - 1; i > 0; --i) {
         std::string argument = argv[i];
-        if (argument.size() > 3 && argument.compare(0, 2, "--") == 0 && argument.back() == '=') {
+        if (i < mark && argument.size() > 3 && argument.compare(0, 2, "--") == 0 &&
+            argument.back() == '=') {
             argument.pop_back();
             arguments.emplace_back();
         }
@@ -33,6 +51,8 @@ std::vector<std::string> Arguments(int argc, char** argv)
 int main(int argc, char** argv)
 {
     ky::tool::OccupyStandardDescriptors();
+    const int mark = PlaceOfMark(argc, argv);
+    const int end = RunsProgram(argc, argv) ? mark : argc;
     int exitCode = ky::tool::sSuccess;
     const ky::tool::CheckedOutput output;
     CLI::App app("System services of kySystem for scripts.", "ky");
@@ -41,9 +61,10 @@ int main(int argc, char** argv)
                          kySystem::Version::GetDescStringMajorMinorReleaseRevision(true, true));
     ky::tool::AddCrash(app, exitCode);
     ky::tool::AddInfo(app, exitCode);
+    ky::tool::AddLock(app, {argv + std::min(end + 1, argc), argv + argc}, exitCode);
     ky::tool::AddLog(app, exitCode);
     try {
-        app.parse(Arguments(argc, argv));
+        app.parse(Arguments(end, mark, argv));
     } catch (const CLI::ParseError& outcome) {
         if (app.exit(outcome) != 0)
             return ky::tool::sUsageError;
