@@ -194,11 +194,12 @@ TEST_F(LockFile, NeverHasTwoOwnersThoughEachRemovesTheFile)
     auto& arena = *static_cast<Arena*>(
         ::mmap(nullptr, sizeof(Arena), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     const auto contend = [&](int number) {
-        while (arena.takes < 500) {
+        while (arena.takes < 3000) {
             if (!lock.takeLockUtf8(path, nullptr, kyLockFile::Exclusive, &error)) {
                 // Taken, or made and taken, by somebody else.
                 arena.violations += error != held && error != "Fail to set lock on created file, " +
                                                                   Text(EWOULDBLOCK);
+                std::this_thread::yield();
                 continue;
             }
             arena.violations += arena.owner.exchange(number) != 0;
