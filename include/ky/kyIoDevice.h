@@ -1,0 +1,239 @@
+#pragma once
+
+#include "ky/kyExport.h"
+
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace ky {
+
+namespace impl {
+class FileStream;
+}
+
+/// A source or sink of bytes: the base of files, streams, buffers and filters.
+///
+/// No device throws because of an input or output problem, and `std::bad_alloc` alone passes
+/// through. The first problem is kept as a flag and a message until `clearDeviceError`; meanwhile
+/// most operations move nothing. A device is used by one thread at a time.
+class KY_API kyIoDevice {
+public:
+    /// Bits of the directions that a device supports.
+    enum DataWay : int {
+        DataWayNone = 0,  ///< closed
+        DataWayRead = 1,
+        DataWayWrite = 2,
+        DataWayReadWrite = 3,
+    };
+
+    explicit kyIoDevice(DataWay way) : mDataWay(way) {}
+    kyIoDevice(const kyIoDevice&) = delete;
+    kyIoDevice& operator=(const kyIoDevice&) = delete;
+
+    // The order of the virtual functions is fixed: devices of users are compiled against it.
+    virtual ~kyIoDevice();
+
+    /// Reads up to `n` bytes and returns how many came.
+    virtual unsigned long readBytes(char* dst, unsigned long n) = 0;
+
+    /// Returns how many bytes were accepted.
+    virtual unsigned long writeBytes(char const* src, unsigned long n) = 0;
+
+    virtual bool atEnd() const = 0;
+    virtual bool hasDeviceError() const;
+
+    /// The first error since the last `clearDeviceError`, or empty.
+    virtual std::string getDeviceErrorMsg() const;
+
+    /// Copies what is left of this device to `dst`, up to the end or to a read that gives nothing,
+    /// and stores the number of bytes in `bytesWritten`, which may be null. Returns `good()`.
+    /// When `dst` takes less than it is given, this device (not `dst`) records "Destination device
+    /// is in error", and the result is false with `bytesWritten` untouched. `buffer`, which may be
+    /// null, is used for the transfer; its size is 4 MiB afterwards, whatever it was.
+    virtual bool writeBackToDevice(kyIoDevice& dst, unsigned long* bytesWritten = nullptr,
+                                   std::vector<char>* buffer = nullptr);
+
+    bool good() const { return !hasDeviceError(); }
+
+    /// Sets the error flag and logs a TRACE line under the system-log name "iodevice". Only the
+    /// first message is kept, and each line repeats that one; an empty message is kept as
+    /// " unknown device error".
+    void setDeviceError(std::string const& msg);
+    void clearDeviceError();
+
+    void changeSupportedDataWay(DataWay way) { mDataWay = way; }
+    DataWay getSupportedDataWay() const { return mDataWay; }
+
+    /// Reads and discards, in pieces of at most 4096 bytes, until `n` bytes are gone or a read
+    /// comes short. Returns how many went.
+    unsigned long skipBytes(unsigned long n);
+
+    /// Writes the bytes of the text, without a terminator; a null pointer writes nothing. How many
+    /// bytes were accepted is not told.
+    kyIoDevice& operator<<(std::string const& text);
+    kyIoDevice& operator<<(char const* text);
+
+private:
+    std::string mErrorMsg;
+    DataWay mDataWay;
+    bool mHasError = false;
+};
+
+/// A device with a position, in bytes from its beginning.
+class KY_API kyIoDeviceRandomAccess : public kyIoDevice {
+public:
+    enum SeekStart : int { SeekFromBeginning = 0, SeekFromCurrent = 1, SeekFromEnd = 2 };
+
+    using kyIoDevice::kyIoDevice;
+
+    virtual bool seek(long offset, SeekStart from) = 0;
+    virtual long getCurrentPos() const = 0;
+
+    /// Reads the whole device, whatever its position, and goes back to it. False when the device
+    /// has no size (a pipe) or gives less than its size; `out` is unspecified then.
+    bool loadFullFileContent(std::vector<char>& out);
+};
+
+/// A file. Its descriptor is not inherited by programs.
+///
+/// Bytes are buffered: a write that was accepted may still fail at `flush`, `seek`, a read, a later
+/// write or `close`, and is then recorded by that one as "std sub stream fail bit is set after a
+/// write" (by `seek` as "std sub stream is in error after a seekp"). Where the limit of file sizes
+/// is hit, the host must ignore SIGXFSZ to see that (setrlimit(2)).
+class KY_API kyIoDeviceFileStream : public kyIoDeviceRandomAccess {
+public:
+    kyIoDeviceFileStream();
+    kyIoDeviceFileStream(std::string const& path, DataWay way, bool truncate);
+
+    /// Closes. Who wants to know whether that succeeded calls `close` before.
+    ~kyIoDeviceFileStream() override;
+
+    /// Opens the file at the path set before, after closing what was open and clearing the error;
+    /// a failure of that closing is only seen in the log. Writing creates the file when it is
+    /// missing. Write-only without `truncate` appends to a file that exists, and the position
+    /// counts from 0 all the same. Opening a named pipe waits for the other side (fifo(7)); a
+    /// directory opens for reading, and the first read fails.
+    ///
+    /// A failure records "failed to open file: 'PATH' (bits FB)", where the digits tell whether the
+    /// stream failed and was bad: 10 when the system refused, 00 for an empty path or another way.
+    bool open(DataWay way, bool truncate);
+
+    /// `path` is UTF-8. One that the local 8-bit set lacks fails like a missing file.
+    bool open(std::string const& path, DataWay way, bool truncate);
+
+    /// Closes and clears the error, as `open` does. Always true.
+    bool setFilePath(std::string const& path);
+    std::string const& getFilePath() const { return mPath; }
+    bool isOpen() const { return mIsOpen; }
+
+    /// Hands what is buffered to the system. Returns `good()`.
+    bool flush();
+
+    /// False when nothing was open, or the device is in error afterwards.
+    bool close();
+
+    /// Fewer than `n` bytes mean the end of the file or an error.
+    unsigned long readBytes(char* dst, unsigned long n) override;
+
+    /// All or, with an error, 0. The position advances by `n` in either case.
+    unsigned long writeBytes(char const* src, unsigned long n) override;
+
+    bool atEnd() const override;
+
+    /// Drops what state an earlier failure left in the stream, except on a write-only file. Any
+    /// other `from` moves nothing. A negative target is an error on a writable file; a read-only
+    /// one has the position -1 then and reads nothing.
+    bool seek(long offset, SeekStart from) override;
+    long getCurrentPos() const override { return mPosition; }
+
+private:
+    bool supports(DataWay way) const { return (getSupportedDataWay() & way) != 0; }
+    unsigned long readFromStream(char* dst, unsigned long n);
+    unsigned long writeToStream(char const* src, unsigned long n);
+    bool flushStream();
+    bool seekToWrite(long offset, SeekStart from);
+    bool seekToRead(long offset, SeekStart from);
+
+    std::unique_ptr<impl::FileStream> mStream;  // null while closed
+    std::string mPath;
+    long mPosition = 0;
+    bool mIsOpen = false;
+};
+
+/// A standard stream as a device, borrowed. A stream that is both for input and output has to be
+/// cast to one.
+class KY_API kyIoDeviceStdStreamProxy : public kyIoDeviceRandomAccess {
+public:
+    explicit kyIoDeviceStdStreamProxy(std::istream* input);
+    explicit kyIoDeviceStdStreamProxy(std::ostream* output);
+
+    unsigned long readBytes(char* dst, unsigned long n) override;
+    unsigned long writeBytes(char const* src, unsigned long n) override;
+    bool atEnd() const override;
+
+    /// True whenever there is a stream, even if that cannot move: its position tells. Any other
+    /// `from` counts from the end.
+    bool seek(long offset, SeekStart from) override;
+
+    /// -1 when the stream has none, 0 without a stream.
+    long getCurrentPos() const override;
+
+private:
+    std::istream* const mInput;
+    std::ostream* const mOutput;
+};
+
+/// Takes every write and forgets it. Always at its end; a read is an error.
+class KY_API kyIoDeviceDummy : public kyIoDevice {
+public:
+    kyIoDeviceDummy() : kyIoDevice(DataWayWrite) {}
+
+    unsigned long readBytes(char* dst, unsigned long n) override;
+    unsigned long writeBytes(char const* src, unsigned long n) override;
+    bool atEnd() const override { return true; }
+};
+
+/// Counts what is written: its size is the highest position reached. Always at its end; a read is
+/// an error. Positions wrap around, a negative one is a huge one.
+class KY_API kyIoDeviceNullWriteOnly : public kyIoDeviceRandomAccess {
+public:
+    kyIoDeviceNullWriteOnly() : kyIoDeviceRandomAccess(DataWayWrite) {}
+
+    unsigned long readBytes(char* dst, unsigned long n) override;
+    unsigned long writeBytes(char const* src, unsigned long n) override;
+    bool atEnd() const override { return true; }
+    bool seek(long offset, SeekStart from) override;
+    long getCurrentPos() const override { return static_cast<long>(mPosition); }
+
+private:
+    void moveTo(unsigned long position);
+
+    unsigned long mPosition = 0;
+    unsigned long mSize = 0;
+};
+
+/// Reads from borrowed bytes. A write is an error.
+class KY_API kyIoDeviceByteContainerReadOnly : public kyIoDeviceRandomAccess {
+public:
+    kyIoDeviceByteContainerReadOnly(char const* data, unsigned long size)
+        : kyIoDeviceRandomAccess(DataWayRead), mData(data), mSize(size)
+    {}
+    ~kyIoDeviceByteContainerReadOnly() override { mPosition = 0; }
+
+    unsigned long readBytes(char* dst, unsigned long n) override;
+    unsigned long writeBytes(char const* src, unsigned long n) override;
+    bool atEnd() const override { return mPosition >= mSize; }
+
+    /// A target outside of the bytes is an error and moves to the end that it lies beyond.
+    bool seek(long offset, SeekStart from) override;
+    long getCurrentPos() const override { return static_cast<long>(mPosition); }
+
+private:
+    char const* const mData;
+    const unsigned long mSize;
+    unsigned long mPosition = 0;
+};
+
+}  // namespace ky
