@@ -1,0 +1,99 @@
+#pragma once
+
+#include "ky/kyExport.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ky {
+
+/// A byte string of one pointer, for containers of very many values that are mostly empty. It is
+/// null, empty or filled; a filled one owns one block of length + 5 bytes.
+///
+/// Holds at most 4 GiB - 1 bytes; more throws `std::length_error`. An array is unchanged by a
+/// function that throws. Bytes given to it may be its own. Every change makes a new block, except
+/// `resizeAndClear` to the same size. For one thread at a time.
+class KY_API kyByteArrayLowFootprint {
+public:
+    /// Empty.
+    kyByteArrayLowFootprint() = default;
+    explicit kyByteArrayLowFootprint(std::string const& bytes);
+    kyByteArrayLowFootprint(kyByteArrayLowFootprint const& other);
+
+    /// Leaves `other` empty.
+    kyByteArrayLowFootprint(kyByteArrayLowFootprint&& other) noexcept { swap(other); }
+    ~kyByteArrayLowFootprint()
+    {
+        // A null array stays null to the very end, so that static objects may still read `sNull`.
+        if (isFilled())
+            freeBlock();
+    }
+    kyByteArrayLowFootprint& operator=(kyByteArrayLowFootprint const& other);
+    kyByteArrayLowFootprint& operator=(kyByteArrayLowFootprint&& other) noexcept;
+
+    /// Copies the bytes. Without any (`data` null or `n` 0) the array is empty then, not null.
+    void setData(char const* data, unsigned long n);
+    void clear() { setData(nullptr, 0); }
+    void setToNull();
+
+    /// `n` bytes of `fill`, in place when the size is `n` already: a null array resized to 0 stays
+    /// null.
+    void resizeAndClear(unsigned long n, char fill);
+
+    void swap(kyByteArrayLowFootprint& other) noexcept
+    {
+        const std::uintptr_t word = mWord;
+        mWord = other.mWord;
+        other.mWord = word;
+    }
+
+    bool isNull() const { return mWord == sNullWord; }
+
+    /// True for null too.
+    bool isEmpty() const { return !isFilled(); }
+    bool empty() const { return isEmpty(); }
+    unsigned int size() const;
+
+    /// The bytes, followed by a zero byte. Never a null pointer: without bytes it is the address of
+    /// a zero byte that must not be written. Valid until the next change.
+    char const* rawData() const;
+    char const* constRawData() const { return rawData(); }
+
+    /// Null when there are no bytes.
+    char* editRawData();
+
+    /// Valid until the next change.
+    std::string_view toStringView() const { return {rawData(), size()}; }
+    void toByteVector(std::vector<char>& out) const;
+
+    bool operator==(kyByteArrayLowFootprint const& other) const;
+    bool operator!=(kyByteArrayLowFootprint const& other) const { return !(*this == other); }
+
+    /// Not lexicographic: null, then empty, then filled; of filled ones the shorter first, and by
+    /// unsigned bytes where the lengths are equal.
+    bool operator<(kyByteArrayLowFootprint const& other) const;
+    bool operator<=(kyByteArrayLowFootprint const& other) const { return !(other < *this); }
+    bool operator>(kyByteArrayLowFootprint const& other) const { return other < *this; }
+    bool operator>=(kyByteArrayLowFootprint const& other) const { return !(*this < other); }
+
+    /// Null, from before the first static constructor until after the last static destructor.
+    static const kyByteArrayLowFootprint sNull;
+
+private:
+    static constexpr std::uintptr_t sEmptyWord = 0;
+    static constexpr std::uintptr_t sNullWord = ~std::uintptr_t{0};
+
+    constexpr explicit kyByteArrayLowFootprint(std::uintptr_t word) : mWord(word) {}
+    bool isFilled() const { return mWord != sEmptyWord && mWord != sNullWord; }
+    char* block() const { return reinterpret_cast<char*>(mWord); }
+    void freeBlock() noexcept;
+    void replaceBlock(std::uintptr_t word) noexcept;
+
+    std::uintptr_t mWord = sEmptyWord;  // or sNullWord, or the address of length, bytes and a zero
+};
+
+static_assert(sizeof(kyByteArrayLowFootprint) == sizeof(void*), "it is made for being small");
+
+}  // namespace ky
