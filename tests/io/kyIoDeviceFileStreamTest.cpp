@@ -1,0 +1,286 @@
+#include "ky/kyDataStream.h"
+#include "ky/kyIoDevice.h"
+
+#include "support/Child.h"
+#include "support/Library.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdlib>
+
+namespace fs = std::filesystem;
+using ky::kyIoDeviceFileStream;
+
+namespace {
+
+using Way = ky::kyIoDevice::DataWay;
+using From = ky::kyIoDeviceRandomAccess::SeekStart;
+constexpr Way sRead = ky::kyIoDevice::DataWayRead;
+constexpr Way sWrite = ky::kyIoDevice::DataWayWrite;
+constexpr Way sBoth = ky::kyIoDevice::DataWayReadWrite;
+constexpr From sBegin = ky::kyIoDeviceRandomAccess::SeekFromBeginning;
+const char* const sWriteError = "std sub stream fail bit is set after a write";
+
+struct FileStream : ky::test::LightLibrary {
+    const ky::test::TemporaryFolder folder;
+    const std::string path = folder.path("file");
+};
+
+std::string Content(const std::string& path)
+{
+    std::ifstream file(path, std::ios_base::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string Read(ky::kyIoDevice& device, unsigned long n)
+{
+    std::string text(n, '?');
+    text.resize(device.readBytes(text.data(), n));
+    return text;
+}
+
+/// Writes numbers until one is refused, at most 16 MiB. Everything accepted must be in the file, or
+/// else `close` or something before it must have told.
+void ExpectNoSilentLoss(const std::string& path, Way way, int flushEvery)
+{
+    SCOPED_TRACE(path + " way " + std::to_string(way) + " flush " + std::to_string(flushEvery));
+    kyIoDeviceFileStream file(path, way, true);
+    ASSERT_TRUE(file.isOpen()) << file.getDeviceErrorMsg();
+    ky::kyDataStream stream(file, ky::kyDataStream::BigEndian);
+    int accepted = 0;
+    long flushed = 0;
+    while (accepted < 4 << 20 && (stream << accepted).isOk()) {
+        ++accepted;
+        if (accepted % flushEvery == 0 && file.flush())
+            flushed = file.getCurrentPos();
+    }
+    EXPECT_FALSE(stream.isOk()) << "everything fitted";
+    EXPECT_EQ(file.getDeviceErrorMsg(), sWriteError);
+    EXPECT_EQ(file.writeBytes("x", 1), 0u);
+    EXPECT_FALSE(file.close());
+    EXPECT_EQ(file.getDeviceErrorMsg(), sWriteError) << "gone with the stream";
+    const std::string content = Content(path);
+    EXPECT_GE(static_cast<long>(content.size()), flushed);
+    for (std::size_t i = 0; i + 4 <= static_cast<std::size_t>(flushed); i += 4096)
+        EXPECT_EQ(static_cast<unsigned char>(content[i + 2]), i / 4 >> 8 & 0xFF);
+}
+
+}  // namespace
+
+TEST_F(FileStream, OpensByWayAndTruncation)
+{
+    const struct {
+        Way way;
+        bool truncate;
+        bool exists;
+        std::string afterwards;  // "abc" written or, for reading, not
+    } rows[] = {
+        {sRead, true, true, "0123456789"},  {sRead, false, true, "0123456789"},
+        {sWrite, true, true, "abc"},        {sWrite, false, true, "0123456789abc"},
+        {sWrite, false, false, "abc"},      {sBoth, true, true, "abc"},
+        {sBoth, false, true, "abc3456789"}, {sBoth, false, false, "abc"},
+        {sBoth, true, false, "abc"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.way) + row.afterwards);
+        fs::remove(path);
+        if (row.exists)
+            folder.write("file", "0123456789");
+        kyIoDeviceFileStream file(path, row.way, row.truncate);
+        ASSERT_TRUE(file.isOpen() && file.good());
+        EXPECT_EQ(file.getSupportedDataWay(), row.way);
+        const bool writes = row.way != sRead;
+        EXPECT_EQ(file.writeBytes("abc", 3), writes ? 3u : 0u);
+        EXPECT_EQ(file.getCurrentPos(), writes ? 3 : 0) << "kept: counts from 0 when appending";
+        if (row.way == sWrite) {
+            EXPECT_EQ(Read(file, 3), "");
+        }
+        EXPECT_TRUE(file.close());
+        EXPECT_FALSE(file.close());
+        EXPECT_EQ(file.getSupportedDataWay(), Way{});
+        EXPECT_EQ(Content(path), row.afterwards);
+    }
+}
+
+TEST_F(FileStream, TellsWhyItIsNotOpen)
+{
+    const struct {
+        std::string path;
+        int way;
+        const char* bits;
+    } rows[] = {{"", 1, "00"},
+                {path, 0, "00"},
+                {path, 4, "00"},
+                {path, -1, "00"},
+                {path, 1, "10"},
+                {folder.path("none/file"), 2, "10"},
+                {folder.path(""), 3, "10"},
+                {std::string("/dev/null\0x", 11), 1, "10"}};
+    for (const auto& row : rows) {
+        kyIoDeviceFileStream file(row.path, static_cast<Way>(row.way), false);
+        const std::string message =
+            "failed to open file: '" + row.path + "' (bits " + row.bits + ")";
+        EXPECT_FALSE(file.isOpen() || file.good());
+        EXPECT_EQ(file.getDeviceErrorMsg(), message);
+        EXPECT_FALSE(file.seek(0, sBegin));
+        EXPECT_EQ(file.getDeviceErrorMsg(), message) << "the first stays";
+        file.clearDeviceError();
+        EXPECT_FALSE(file.seek(0, sBegin));
+        EXPECT_EQ(file.getDeviceErrorMsg(), "File is not open");
+        EXPECT_TRUE(file.setFilePath(path) && file.good());
+        EXPECT_FALSE(file.atEnd());
+    }
+    EXPECT_FALSE(fs::exists(path));
+
+    kyIoDeviceFileStream directory(folder.path(""), sRead, false);
+    EXPECT_TRUE(directory.isOpen());
+    EXPECT_EQ(Read(directory, 1), "");
+    EXPECT_EQ(directory.getDeviceErrorMsg(), "std sub stream bad bit is set after a read");
+}
+
+TEST_F(FileStream, LosesNothingAtTheEndOfTheFile)
+{
+    folder.write("file", "0123456789");
+    kyIoDeviceFileStream file(path, sBoth, false);
+    EXPECT_EQ(Read(file, 8), "01234567");
+    EXPECT_EQ(Read(file, 8), "89");
+    EXPECT_TRUE(file.atEnd() && file.good());
+    EXPECT_EQ(Read(file, 0) + Read(file, 5), "");
+    EXPECT_EQ(file.writeBytes("abc", 3), 3u);
+    EXPECT_EQ(file.getCurrentPos(), 13);
+    EXPECT_TRUE(file.flush());
+    EXPECT_EQ(Content(path), "0123456789abc");
+    EXPECT_TRUE(file.atEnd());
+    EXPECT_EQ(file.writeBytes("d", 1), 1u);
+    EXPECT_TRUE(file.seek(-2, ky::kyIoDeviceRandomAccess::SeekFromEnd));
+    EXPECT_EQ(file.getCurrentPos(), 12);
+    EXPECT_EQ(Read(file, 9), "cd");
+    EXPECT_TRUE(file.seek(1, sBegin));
+    EXPECT_EQ(file.writeBytes("X", 1), 1u);
+    EXPECT_EQ(Read(file, 2), "23") << "read behind what was just written";
+    EXPECT_TRUE(file.close());
+    EXPECT_EQ(Content(path), "0X23456789abcd");
+
+    // Peeking at a file that cannot be read ends in the end-of-file state.
+    kyIoDeviceFileStream output(path, sWrite, true);
+    for (const char* text : {"a", "b"}) {
+        EXPECT_TRUE(output.atEnd());
+        EXPECT_EQ(output.writeBytes(text, 1), 1u);
+        EXPECT_TRUE(output.flush());
+    }
+    EXPECT_EQ(Content(path), "ab");
+}
+
+TEST_F(FileStream, SeeksAsFarAsItsWayAllows)
+{
+    folder.write("file", "0123456789");
+    kyIoDeviceFileStream input(path, sRead, false);
+    EXPECT_EQ(Read(input, 99).size(), 10u);
+    EXPECT_TRUE(input.seek(-4, ky::kyIoDeviceRandomAccess::SeekFromCurrent));
+    EXPECT_EQ(Read(input, 1), "6");
+    EXPECT_TRUE(input.seek(3, static_cast<From>(3)));
+    EXPECT_EQ(input.getCurrentPos(), 7) << "moved";
+    EXPECT_EQ(Read(input, 1), "7");
+    EXPECT_TRUE(input.seek(-1, sBegin)) << "kept: no error where only reading is possible";
+    EXPECT_EQ(input.getCurrentPos(), -1);
+    EXPECT_EQ(Read(input, 1), "");
+    EXPECT_TRUE(input.good() && input.seek(0, sBegin));
+    EXPECT_EQ(Read(input, 2), "01");
+
+    for (const Way way : {sWrite, sBoth}) {
+        kyIoDeviceFileStream output(path, way, true);
+        EXPECT_EQ(output.writeBytes("0123", 4), 4u);
+        EXPECT_TRUE(output.seek(9, static_cast<From>(-1)));
+        EXPECT_EQ(output.getCurrentPos(), 4);
+        EXPECT_FALSE(output.seek(-1, sBegin));
+        EXPECT_EQ(output.getDeviceErrorMsg(), "std sub stream is in error after a seekp");
+        output.clearDeviceError();
+        // kept: only a file that can be read, too, drops the state of its stream.
+        EXPECT_EQ(output.seek(1, sBegin), way == sBoth);
+    }
+}
+
+TEST_F(FileStream, ReportsWhatAFullDeviceTakesBack)
+{
+    for (const Way way : {sWrite, sBoth}) {
+        // Small writes are refused by what hands them to the system.
+        kyIoDeviceFileStream file("/dev/full", way, way == sWrite);
+        EXPECT_EQ(file.writeBytes("abc", 3), 3u);
+        EXPECT_FALSE(file.flush());
+        EXPECT_EQ(file.getDeviceErrorMsg(), sWriteError);
+        EXPECT_TRUE(file.open("/dev/full", way, way == sWrite));
+        EXPECT_EQ(file.writeBytes("abc", 3), 3u);
+        EXPECT_FALSE(file.close());
+        EXPECT_EQ(file.getDeviceErrorMsg(), sWriteError);
+        EXPECT_TRUE(file.open("/dev/full", way, way == sWrite));
+        EXPECT_EQ(file.writeBytes("abc", 3), 3u);
+        EXPECT_FALSE(file.seek(0, sBegin));
+        EXPECT_EQ(file.getDeviceErrorMsg(), "std sub stream is in error after a seekp");
+    }
+    kyIoDeviceFileStream file("/dev/full", sBoth, false);
+    EXPECT_EQ(file.writeBytes("abc", 3), 3u);
+    EXPECT_EQ(Read(file, 1), "");
+    EXPECT_EQ(file.getDeviceErrorMsg(), sWriteError) << "a failed write taken for the end";
+
+    ky::kyIoDeviceByteContainerReadOnly source(sWriteError, 40);
+    kyIoDeviceFileStream target("/dev/full", sWrite, true);
+    EXPECT_TRUE(source.writeBackToDevice(target));
+    EXPECT_FALSE(target.close());
+    EXPECT_EQ(kyIoDeviceFileStream("/dev/full", sWrite, true).writeBytes(sWriteError, 1 << 5), 32u);
+}
+
+TEST_F(FileStream, LosesNothingSilentlyAtALimit)
+{
+    const auto result = ky::test::RunInChild([&] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {1 << 20, 1 << 20};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        for (const Way way : {sWrite, sBoth})
+            for (const int flushEvery : {1000, 32768, 8 << 20})
+                ExpectNoSilentLoss(path, way, flushEvery);
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST_F(FileStream, LosesNothingSilentlyOnAFullDisk)
+{
+    if (::mount("ky-test", folder.path("").c_str(), "tmpfs", 0, "size=64k") != 0)
+        GTEST_SKIP() << "a small file system cannot be mounted here";
+    for (const Way way : {sWrite, sBoth})
+        for (const int flushEvery : {1000, 8 << 20})
+            ExpectNoSilentLoss(path, way, flushEvery);
+    EXPECT_EQ(::umount(folder.path("").c_str()), 0);
+}
+
+TEST_F(FileStream, KeepsItsFileFromProgramsAndOffTheStandardStreams)
+{
+    const auto result = ky::test::RunInChild([&] {
+        ::close(STDIN_FILENO);
+        const kyIoDeviceFileStream file(path, sBoth, true);
+        EXPECT_TRUE(file.isOpen());
+        EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1);
+        EXPECT_NE(std::system(("ls -l /proc/self/fd | grep -q " + path).c_str()), 0);
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST_F(FileStream, TakesNoNameThatTheLocalSetLacks)
+{
+    const auto result = ky::test::RunInChild([&] {
+        ky::terminateKySystem();
+        ::setenv("LC_ALL", "C", 1);
+        ky::initializeKySystem(ky::InitType::Light, false);
+        kyIoDeviceFileStream file(folder.path("caf\u00e9"), sWrite, true);
+        EXPECT_EQ(file.getDeviceErrorMsg(),
+                  "failed to open file: '" + folder.path("caf\u00e9") + "' (bits 10)");
+        EXPECT_TRUE(fs::is_empty(folder.path("")));
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
