@@ -13,7 +13,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
@@ -72,10 +71,7 @@ private:
         constexpr std::size_t bufferBytes = 65536;
         mBuffer.resize(bufferBytes);
         mStart = 0;
-        ssize_t size = 0;
-        do
-            size = ::read(mFd, mBuffer.data(), mBuffer.size());
-        while (size == -1 && (errno == EINTR || WaitWhileBusy(mFd, POLLIN)));
+        const ssize_t size = ReadSome(mFd, mBuffer.data(), mBuffer.size());
         mError = size == -1 ? errno : 0;
         mBuffer.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
         return size > 0;

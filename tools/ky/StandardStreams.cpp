@@ -34,6 +34,15 @@ bool WaitWhileBusy(int fd, short events)
     return ::poll(&descriptor, 1, -1) >= 0 || errno == EINTR;
 }
 
+ssize_t ReadSome(int fd, char* buffer, std::size_t size)
+{
+    ssize_t got = 0;
+    do
+        got = ::read(fd, buffer, size);
+    while (got == -1 && (errno == EINTR || WaitWhileBusy(fd, POLLIN)));
+    return got;
+}
+
 CheckedOutput::CheckedOutput() : mPrevious(std::cout.rdbuf(this)) {}
 
 CheckedOutput::~CheckedOutput()

@@ -3,6 +3,8 @@
 #include <streambuf>
 #include <string>
 
+#include <sys/types.h>
+
 namespace ky::tool {
 
 /// Puts "/dev/null" on each of the descriptors 0 to 2 that the caller has closed, so that no file
@@ -16,6 +18,9 @@ void PrintError(const std::string& message, int error);
 /// After a read or write that failed: whether it did only because the descriptor is non-blocking,
 /// in which case it is ready again on return.
 bool WaitWhileBusy(int fd, short events);
+
+/// read(2), which goes on after a signal and waits where the descriptor is non-blocking.
+ssize_t ReadSome(int fd, char* buffer, std::size_t size);
 
 /// Standard output that remembers its first failure: takes the place of the buffer of `std::cout`
 /// for its own lifetime and writes through to descriptor 1.

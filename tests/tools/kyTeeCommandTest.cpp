@@ -1,0 +1,87 @@
+#include "support/Child.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <csignal>
+
+using ky::test::Lines;
+using ky::test::RunCommand;
+
+namespace {
+
+std::string Content(const std::string& path)
+{
+    std::ifstream file(path, std::ios_base::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace
+
+TEST(TeeCommand, GivesEveryByteToEveryOutput)
+{
+    const ky::test::TemporaryFolder folder;
+    const std::string kept = folder.write("kept", "old,");
+    const std::string emptied = folder.write("emptied", "old,");
+    for (const std::string& input :
+         {std::string("zero \0 byte", 11), std::string(1 << 20, 'm'), std::string()}) {
+        const auto result = RunCommand({KY_COMMAND, "tee", emptied, folder.path("new")}, input);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_TRUE(result.out == input && Content(emptied) == input &&
+                    Content(folder.path("new")) == input);
+    }
+    EXPECT_EQ(RunCommand({KY_COMMAND, "tee", "--append", kept}, "new").exitCode, 0);
+    EXPECT_EQ(Content(kept), "old,new");
+}
+
+TEST(TeeCommand, TellsEachFailureOnceAndGoesOnWithTheOthers)
+{
+    const ky::test::TemporaryFolder folder;
+    const std::string input(300'000, 'x');
+    const std::string first = folder.path("first");
+    const std::string last = folder.path("last");
+    const auto result = RunCommand({KY_COMMAND, "tee", first, "/dev/full", folder.path("none/file"),
+                                    folder.path(""), "/dev/full", last},
+                                   input);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(result.out == input && Content(first) == input && Content(last) == input);
+    const auto lines = Lines(result.err);
+    ASSERT_EQ(lines.size(), 4u) << result.err;
+    EXPECT_EQ(lines[0].find("ky: Cannot open " + folder.path("none/file") +
+                            ". System error : '(2) ENOENT "),
+              0u);
+    EXPECT_EQ(
+        lines[1].find("ky: Cannot open " + folder.path("") + ". System error : '(21) EISDIR "), 0u);
+    for (const std::size_t i : {2, 3})
+        EXPECT_EQ(lines[i].find("ky: Cannot write to /dev/full. System error : '(28) ENOSPC "), 0u);
+
+    const auto full = RunCommand({KY_COMMAND, "tee", first}, input, [] {
+        ::dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+    });
+    EXPECT_EQ(full.exitCode, 1);
+    EXPECT_EQ(Lines(full.err).size(), 1u) << full.err;
+    EXPECT_EQ(full.err.find("ky: Cannot write to standard output. "), 0u) << full.err;
+    EXPECT_TRUE(Content(first) == input);
+
+    const auto limited = RunCommand({KY_COMMAND, "tee", first}, input, [] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {100'000, 100'000};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    });
+    EXPECT_EQ(limited.exitCode, 1);
+    EXPECT_EQ(limited.err.find("ky: Cannot write to " + first + ". System error : '(27) EFBIG "),
+              0u)
+        << limited.err;
+    EXPECT_EQ(Content(first).size(), 100'000u);
+
+    const auto noInput = RunCommand({KY_COMMAND, "tee"}, "", [] { ::close(STDIN_FILENO); });
+    EXPECT_EQ(noInput.exitCode, 1);
+    EXPECT_EQ(noInput.err.find("ky: Cannot read standard input. "), 0u) << noInput.err;
+}
