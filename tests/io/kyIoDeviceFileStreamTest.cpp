@@ -153,6 +153,7 @@ TEST_F(FileStream, LosesNothingAtTheEndOfTheFile)
     EXPECT_EQ(Read(file, 8), "89");
     EXPECT_TRUE(file.atEnd() && file.good());
     EXPECT_EQ(Read(file, 0) + Read(file, 5), "");
+    EXPECT_TRUE(file.flush());
     EXPECT_EQ(file.writeBytes("abc", 3), 3u);
     EXPECT_EQ(file.getCurrentPos(), 13);
     EXPECT_TRUE(file.flush());
@@ -176,6 +177,10 @@ TEST_F(FileStream, LosesNothingAtTheEndOfTheFile)
         EXPECT_TRUE(output.flush());
     }
     EXPECT_EQ(Content(path), "ab");
+    kyIoDeviceFileStream appended(path, sWrite, false);
+    EXPECT_TRUE(appended.seek(0, ky::kyIoDeviceRandomAccess::SeekFromEnd) && appended.atEnd());
+    EXPECT_TRUE(appended.seek(0, sBegin));
+    EXPECT_FALSE(appended.atEnd()) << "a question has changed the answer to a later one";
 }
 
 TEST_F(FileStream, SeeksAsFarAsItsWayAllows)
@@ -262,9 +267,10 @@ TEST_F(FileStream, LosesNothingSilentlyOnAFullDisk)
 TEST_F(FileStream, KeepsItsFileFromProgramsAndOffTheStandardStreams)
 {
     const auto result = ky::test::RunInChild([&] {
+        const kyIoDeviceFileStream plain(path, sWrite, true);
         ::close(STDIN_FILENO);
         const kyIoDeviceFileStream file(path, sBoth, true);
-        EXPECT_TRUE(file.isOpen());
+        EXPECT_TRUE(plain.isOpen() && file.isOpen());
         EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1);
         EXPECT_NE(std::system(("ls -l /proc/self/fd | grep -q " + path).c_str()), 0);
     });
