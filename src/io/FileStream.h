@@ -47,8 +47,9 @@ private:
 };
 
 /// What `std::fstream` is, but close-on-exec from birth, off the descriptors of the standard
-/// streams, with the classic locale and a large buffer.
-class FileStream : public std::iostream {
+/// streams, with the classic locale and a large buffer. Final, so that its state is found
+/// without looking up where the virtual base lies.
+class FileStream final : public std::iostream {
 public:
     FileStream();
 
