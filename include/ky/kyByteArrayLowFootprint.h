@@ -85,8 +85,10 @@ private:
     static constexpr std::uintptr_t sEmptyWord = 0;
     static constexpr std::uintptr_t sNullWord = ~std::uintptr_t{0};
 
-    constexpr explicit kyByteArrayLowFootprint(std::uintptr_t word) : mWord(word) {}
+    constexpr explicit kyByteArrayLowFootprint(std::uintptr_t word) noexcept : mWord(word) {}
     bool isFilled() const { return mWord != sEmptyWord && mWord != sNullWord; }
+    // No pointer is kept instead of the word: that of null could not be a constant.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
     char* block() const { return reinterpret_cast<char*>(mWord); }
     void freeBlock() noexcept;
     void replaceBlock(std::uintptr_t word) noexcept;

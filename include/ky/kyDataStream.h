@@ -176,8 +176,13 @@ private:
     {
         constexpr unsigned size = sizeof(Value);
         const char* const bytes = reinterpret_cast<const char*>(&value);
-        const bool isReversed = size > 1 && mEndianness == BigEndian;
-        if (!(isReversed ? write<size, (size > 1)>(bytes) : write<size, false>(bytes)))
+        bool isDone;
+        if constexpr (size == 1)
+            isDone = write1Byte(bytes);
+        else
+            isDone =
+                mEndianness == BigEndian ? write<size, true>(bytes) : write<size, false>(bytes);
+        if (!isDone)
             failToWrite();
         return *this;
     }
@@ -187,8 +192,12 @@ private:
     {
         constexpr unsigned size = sizeof(Value);
         char* const bytes = reinterpret_cast<char*>(&value);
-        const bool isReversed = size > 1 && mEndianness == BigEndian;
-        if (!(isReversed ? read<size, (size > 1)>(bytes) : read<size, false>(bytes)))
+        bool isDone;
+        if constexpr (size == 1)
+            isDone = read1Byte(bytes);
+        else
+            isDone = mEndianness == BigEndian ? read<size, true>(bytes) : read<size, false>(bytes);
+        if (!isDone)
             failToRead();
         return *this;
     }

@@ -53,7 +53,8 @@ class FileStream final : public std::iostream {
 public:
     FileStream();
 
-    /// Opens as `std::fstream::open` does, always in binary mode; a signal does not interrupt it.
+    /// Opens as `std::fstream::open` does, but always in binary mode and at the beginning
+    /// (`std::ios_base::ate` is not heeded); a signal does not interrupt it.
     /// Otherwise the fail bit is set, and `errno` tells why. `localPath` is in the local 8-bit set.
     bool open(const std::string& localPath, std::ios_base::openmode mode);
 
