@@ -59,7 +59,7 @@ double Median(std::vector<double>& values)
     return *middle;
 }
 
-/// `prepare` is called before each, with the path that it gets; the two change places in each turn.
+/// `prepare` is called before each turn; the two change places in each.
 template <typename Prepare, typename Ours, typename Peer>
 void Compare(benchmark::State& state, Prepare prepare, Ours ours, Peer peer)
 {
@@ -67,10 +67,9 @@ void Compare(benchmark::State& state, Prepare prepare, Ours ours, Peer peer)
     std::vector<double> peerSeconds;
     bool isOursFirst = false;
     for (auto _ : state) {
-        for (const bool isOurs : {isOursFirst, !isOursFirst}) {
-            prepare();
+        prepare();
+        for (const bool isOurs : {isOursFirst, !isOursFirst})
             (isOurs ? ourSeconds : peerSeconds).push_back(isOurs ? Seconds(ours) : Seconds(peer));
-        }
         isOursFirst = !isOursFirst;
         state.SetIterationTime(ourSeconds.back());
     }
@@ -155,27 +154,26 @@ template <typename Make>
 void CompareClear(benchmark::State& state, Make make)
 {
     const TemporaryFolder folder;
-    const std::string path = folder.path("made");
     std::string error;
     Compare(
         state,
         [&] {
-            make(path);
-            // What was made is written back now, and not while one of the two is measured.
-            ::sync();
+            // Both before either is removed: some file systems are slow to make files after that.
+            make(folder.path("ours"));
+            make(folder.path("peers"));
         },
         [&] {
-            if (!kyDirUtils::ClearFolderUtf8(path, true, &error))
+            if (!kyDirUtils::ClearFolderUtf8(folder.path("ours"), true, &error))
                 state.SkipWithError(error.c_str());
         },
-        [&] { fs::remove_all(path); });
+        [&] { fs::remove_all(folder.path("peers")); });
 }
 
 void ClearFlat(benchmark::State& state)
 {
     CompareClear(state, &MakeFlat);
 }
-BENCHMARK(ClearFlat)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(ClearFlat)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(4);
 
 void ClearTree(benchmark::State& state)
 {
@@ -237,16 +235,15 @@ void CompareCopy(benchmark::State& state, Peer peer)
 {
     const TemporaryFolder folder;
     const std::string source = folder.path("source");
-    const std::string destination = folder.path("destination");
     FillFile(source);
     Compare(
         state,
         [&] {
-            fs::remove(destination);
-            ::sync();
+            fs::remove(folder.path("ours"));
+            fs::remove(folder.path("peers"));
         },
-        [&] { kyDirUtils::CopyFileUtf8(source, destination, true); },
-        [&] { peer(source, destination); });
+        [&] { kyDirUtils::CopyFileUtf8(source, folder.path("ours"), true); },
+        [&] { peer(source, folder.path("peers")); });
     state.SetBytesProcessed(static_cast<std::int64_t>(sCopyBytes) * state.iterations());
 }
 
@@ -264,6 +261,6 @@ void CopyBesideStandardLibrary(benchmark::State& state)
         fs::copy_file(source, destination, fs::copy_options::overwrite_existing);
     });
 }
-BENCHMARK(CopyBesideStandardLibrary)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(CopyBesideStandardLibrary)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(4);
 
 }  // namespace

@@ -27,11 +27,23 @@ bool Fail(std::string* error, const char* text, const std::string& path, int err
 
 void CopyBytes(std::FILE* source, std::FILE* destination)
 {
-    char block[sCopyBlockBytes];
+    // A buffer in between would cut each block in two writes.
+    for (std::FILE* stream : {source, destination})
+        std::setvbuf(stream, nullptr, _IONBF, 0);
+    alignas(64) char block[sCopyBlockBytes];
     std::size_t size = 0;
     // kept: neither an error of reading nor a short write ends or fails the copy.
     while ((size = std::fread(block, 1, sizeof block, source)) > 0)
         std::fwrite(block, 1, size, destination);
+}
+
+/// What has no length, such as a pipe, cannot be emptied and need not be. An empty file is left
+/// alone: truncated, it would be written to disk at its closing (ext4(5), auto_da_alloc).
+void Empty(int fd)
+{
+    struct stat status;
+    if (::fstat(fd, &status) == 0 && status.st_size != 0)
+        static_cast<void>(::ftruncate(fd, 0) == 0);
 }
 
 }  // namespace
@@ -72,8 +84,7 @@ bool kyDirUtils::CopyFileUtf8(const std::string& source, const std::string& dest
     const int fd = ::fileno(to.get());
     if (impl::IsSameFile(::fileno(from.get()), fd))
         return true;
-    // What has no length, such as a pipe, cannot be truncated and need not be.
-    static_cast<void>(::ftruncate(fd, 0));
+    Empty(fd);
     CopyBytes(from.get(), to.get());
     return true;
 }
