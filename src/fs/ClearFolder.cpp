@@ -55,6 +55,8 @@ private:
     /// A folder between the one to clear and the one that is being read, both included.
     struct Level {
         explicit Level(std::size_t size) : parentPathSize(size) {}
+        void suspend();
+        bool resume(impl::ScopedDir opened);
 
         impl::ScopedDir folder;  // null while it is suspended
         dev_t device = 0;        // known while it is suspended
@@ -86,6 +88,29 @@ private:
     int mErrno = 0;  // of the first failure
 };
 
+/// Without effect on a level that is suspended already.
+void FolderClearing::Level::suspend()
+{
+    if (!folder)
+        return;
+    struct stat status = {};
+    ::fstat(::dirfd(folder.get()), &status);
+    device = status.st_dev;
+    inode = status.st_ino;
+    folder.reset();
+}
+
+/// False when another folder was opened.
+bool FolderClearing::Level::resume(impl::ScopedDir opened)
+{
+    struct stat status = {};
+    ::fstat(::dirfd(opened.get()), &status);
+    if (status.st_dev != device || status.st_ino != inode)
+        return false;
+    folder = std::move(opened);
+    return true;
+}
+
 bool FolderClearing::run()
 {
     if (!enter(AT_FDCWD, mPath.c_str(), 0))
@@ -108,14 +133,8 @@ bool FolderClearing::enter(int parent, const char* name, int linkFlag)
     level.folder = OpenFolder(parent, name, linkFlag);
     if (!level.folder)
         return false;
-    if (mLevels.size() >= sMaxOpenFolders) {
-        Level& above = mLevels[mLevels.size() - sMaxOpenFolders];
-        struct stat status = {};
-        ::fstat(::dirfd(above.folder.get()), &status);
-        above.device = status.st_dev;
-        above.inode = status.st_ino;
-        above.folder.reset();
-    }
+    if (mLevels.size() >= sMaxOpenFolders)
+        mLevels[mLevels.size() - sMaxOpenFolders].suspend();
     if (!mLevels.empty())
         mPath.append("/").append(name);
     mLevels.push_back(std::move(level));
@@ -202,14 +221,9 @@ bool FolderClearing::resumeParent()
         return true;
     impl::ScopedDir folder = OpenFolder(::dirfd(top.folder.get()), "..", 0);
     int error = errno;
-    Level& parent = mLevels.back();
     if (folder) {
-        struct stat status = {};
-        ::fstat(::dirfd(folder.get()), &status);
-        if (status.st_dev == parent.device && status.st_ino == parent.inode) {
-            parent.folder = std::move(folder);
+        if (mLevels.back().resume(std::move(folder)))
             return true;
-        }
         // The top was moved, and leads out of the folder now.
         error = ENOENT;
     }

@@ -52,7 +52,7 @@ private:
     const std::function<bool()> mAnswer;
 };
 
-/// Makes a chain of folders, by descriptors since no path could name its end.
+/// Makes a chain of folders with a fork at the end, by descriptors since no path could name that.
 void MakeChain(const std::string& path, int depth)
 {
     int parent = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -62,7 +62,8 @@ void MakeChain(const std::string& path, int depth)
         ::close(parent);
         parent = child;
     }
-    ASSERT_EQ(::mkfifoat(parent, "end", 0666), 0);
+    for (const char* name : {"a", "b", "a/a", "b/b"})
+        ASSERT_EQ(::mkdirat(parent, name, 0777), 0);
     ::close(parent);
 }
 
@@ -218,6 +219,23 @@ TEST_F(ClearFolder, DoesNotFollowAFolderThatIsMovedAway)
     });
     EXPECT_FALSE(kyDirUtils::ClearFolderUtf8(target, true, &error, &cancel));
     EXPECT_EQ(error, "opendir error " + Text(ENOENT) + " for " + target);
+    expectVictimWhole();
+}
+
+TEST_F(ClearFolder, StaysInsideWhenAFolderThatWasReadBecomesALink)
+{
+    fs::create_directory(target + "/sub");
+    fs::create_directory_symlink(victim, folder.path("link"));
+    bool isExchanged = false;
+    const Meddler cancel([&] {
+        if (!std::exchange(isExchanged, true))
+            ::renameat2(AT_FDCWD, (target + "/sub").c_str(), AT_FDCWD, folder.path("link").c_str(),
+                        RENAME_EXCHANGE);
+        return false;
+    });
+    EXPECT_TRUE(kyDirUtils::ClearFolderUtf8(target, true, &error, &cancel)) << error;
+    EXPECT_TRUE(fs::is_directory(fs::symlink_status(folder.path("link"))));
+    EXPECT_FALSE(fs::exists(target));
     expectVictimWhole();
 }
 
