@@ -96,7 +96,7 @@ std::string TimeText(unsigned long ms)
 
 class JsonFile {
 public:
-    explicit JsonFile(int fd) : mFd(fd) {}
+    JsonFile(int fd, bool isTorn) : mFd(fd), mIsTorn(isTorn) {}
 
     /// The custom handler. Called by one thread at a time.
     static void Handle(std::list<ky::kyLog::LogEntry>& batch, void* self)
@@ -139,21 +139,29 @@ private:
     }
 
     const int mFd;
-    bool mIsTorn = false;
+    bool mIsTorn;
 };
+
+/// Whether the file's last line has no end, after a kill -9 or on a disk that was full.
+bool IsTorn(int fd)
+{
+    const off_t end = ::lseek(fd, 0, SEEK_END);
+    char last = '\n';
+    return end > 0 && ::pread(fd, &last, 1, end - 1) == 1 && last != '\n';
+}
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
     const int fd =
-        argc < 2 ? STDOUT_FILENO : ::open(argv[1], O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+        argc < 2 ? STDOUT_FILENO : ::open(argv[1], O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
     if (fd == -1) {
         std::perror(argv[1]);
         return 1;
     }
     ky::initializeKySystem(ky::InitType::Full, false);
-    JsonFile file(fd);
+    JsonFile file(fd, IsTorn(fd));
     ky::kyLog::Instance()->setEchoToConsole(false);
     ky::kyLog::Instance()->installCustomHandler(&JsonFile::Handle, &file);
     for (std::string line; std::getline(std::cin, line);)
