@@ -75,7 +75,6 @@ private:
     void beginTextPeriod(long seconds);
     bool isRotationDue() const;
     [[nodiscard]] bool canRotate();
-    ScopedFd makeNext(const struct stat& old) const;
     void rotate();
     void undoRotation();
     void finishRotation();

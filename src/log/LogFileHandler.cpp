@@ -37,6 +37,31 @@ const char* WhatIsWrong(const impl::LogFileSettings& settings)
     return nullptr;
 }
 
+void RemoveFile(kyLogParameters& parameters)
+{
+    parameters.mFileSettings = {};
+    parameters.mFile.reset();
+    // kept: a log file without its own option turns the console echo off for good.
+    parameters.mEchoToConsole = false;
+    parameters.mEchoBesideFile = false;
+}
+
+/// Ends what `configureAndHold` begins.
+class Hold {
+public:
+    explicit Hold(kyLogThread* thread) : mThread(thread) {}
+    ~Hold()
+    {
+        if (mThread != nullptr)
+            mThread->goOn();
+    }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+
+private:
+    kyLogThread* const mThread;
+};
+
 }  // namespace
 
 bool kyLog::installFileHandlerUtf8(const std::string& pathUtf8, std::string* error)
@@ -54,9 +79,12 @@ bool kyLog::installFileHandlerExUtf8(const std::string& folderUtf8, const std::s
     if (error != nullptr)
         error->clear();
     // Lines that other threads log meanwhile wait for the new file.
-    kyLogThread* const thread = mThread && !mThread->isInherited() ? mThread.get() : nullptr;
-    const kyLogThread::Hold hold(thread);
-    removeFileHandler();
+    const bool isBackground = mThread && !mThread->isInherited() && !mThread->isCurrent();
+    const Hold hold(isBackground ? mThread.get() : nullptr);
+    if (isBackground)
+        mThread->configureAndHold(*mParameters, &RemoveFile);
+    else
+        removeFileHandler();
     const bool needsSlash = !folderUtf8.empty() && folderUtf8.back() != '/';
     const impl::LogFileSettings settings = {
         folderUtf8, baseName,     folderUtf8 + (needsSlash ? "/" : "") + baseName,
@@ -71,27 +99,17 @@ bool kyLog::installFileHandlerExUtf8(const std::string& folderUtf8, const std::s
     const std::shared_ptr<impl::LogFile> file = impl::LogFile::Open(settings, error);
     if (!file)
         return false;
-    const auto install = [&](kyLogParameters& parameters) {
+    configure([&](kyLogParameters& parameters) {
         parameters.mFileSettings = settings;
         parameters.mFile = file;
         parameters.mEchoToConsole = (options & FileEchoToConsole) != 0;
-    };
-    if (thread != nullptr)
-        thread->configureHeld(*mParameters, install);
-    else
-        configure(install);
+    });
     return true;
 }
 
 void kyLog::removeFileHandler()
 {
-    configure([](kyLogParameters& parameters) {
-        parameters.mFileSettings = {};
-        parameters.mFile.reset();
-        // kept: a log file without its own option turns the console echo off for good.
-        parameters.mEchoToConsole = false;
-        parameters.mEchoBesideFile = false;
-    });
+    configure(&RemoveFile);
 }
 
 std::string kyLog::getCurrentLogFileNameUtf8()

@@ -3,6 +3,7 @@
 #include "ky/SystemError.h"
 
 #include "frame/TimeText.h"
+#include "log/LogFileState.h"
 #include "text/LocalPath.h"
 
 #include <algorithm>
@@ -98,22 +99,6 @@ std::vector<TimedName> FilesPutAside(const Name& name)
     return files;
 }
 
-/// Without looking away between the question whether `to` exists and the renaming, as far as the
-/// file system can do that.
-bool RenameWithLink(const char* from, const char* to)
-{
-    if (::link(from, to) == 0)
-        return ::unlink(from) == 0;
-    if (errno == EEXIST)
-        return false;
-    struct stat info;
-    if (::lstat(to, &info) == 0) {
-        errno = EEXIST;
-        return false;
-    }
-    return std::rename(from, to) == 0;
-}
-
 }  // namespace
 
 std::string impl::SizeRotationMark(long seconds)
@@ -158,27 +143,33 @@ long impl::EndOfPeriod(long seconds, Interval interval)
     return outside;
 }
 
-bool impl::RenameToNew(const std::string& from, const std::string& to)
+int impl::MakeAside(const std::string& path, const std::string& mark, std::string& name)
 {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
-        return true;
-    const bool canTell = errno != EINVAL && errno != ENOSYS;
-    return !canTell && RenameWithLink(from.c_str(), to.c_str());
-}
-
-std::string impl::PutAside(const std::string& path, const std::string& mark)
-{
-    const Name name = Split(path);
-    std::string target = name.folder + name.stem + mark + name.extension;
-    for (unsigned long number = 1; !RenameToNew(path, target); ++number) {
-        if (errno != EEXIST)
-            return {};
-        target = name.folder + name.stem + mark + "-" + std::to_string(number) + name.extension;
+    const Name parts = Split(path);
+    name = parts.folder + parts.stem + mark + parts.extension;
+    for (unsigned long number = 1;; ++number) {
+        const int fd =
+            ::open(name.c_str(), sLogFileFlags | O_RDWR | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
+        if (fd != -1 || errno != EEXIST)
+            return fd;
+        name = parts.folder + parts.stem + mark + "-" + std::to_string(number) + parts.extension;
     }
-    return target;
 }
 
-std::string impl::RemoveOldest(const std::string& path, const std::string& newest, std::size_t keep)
+bool impl::Exchange(const std::string& path, const std::string& aside)
+{
+    if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_EXCHANGE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS)
+        return false;
+    const std::string between = aside + ".tmp";
+    return std::rename(path.c_str(), between.c_str()) == 0 &&
+           std::rename(aside.c_str(), path.c_str()) == 0 &&
+           std::rename(between.c_str(), aside.c_str()) == 0;
+}
+
+std::size_t impl::RemoveOldest(const std::string& path, const std::string& newest, std::size_t keep,
+                               std::string& trouble)
 {
     const Name name = Split(path);
     std::vector<TimedName> files = FilesPutAside(name);
@@ -187,15 +178,17 @@ std::string impl::RemoveOldest(const std::string& path, const std::string& newes
             file.first.first = std::numeric_limits<long>::max();
     }
     std::sort(files.begin(), files.end());
-    std::string trouble;
+    std::size_t removed = 0;
     for (std::size_t i = 0; i + keep < files.size(); ++i) {
         const std::string file = name.folder + files[i].second;
         const int error = ::unlink(file.c_str()) == 0 ? 0 : errno;
-        if (error != 0 && error != ENOENT)
+        if (error == 0)
+            ++removed;
+        else if (error != ENOENT)
             trouble = "Fail to remove previous log file '" + ToUtf8Path(file) +
                       "' error was : " + SystemError(error).toString();
     }
-    return trouble;
+    return removed;
 }
 
 }  // namespace ky

@@ -18,16 +18,19 @@ std::string TimeRotationMark(long seconds, kyLog::TimeRotationInterval interval)
 /// The first second after `seconds` whose mark of this interval is another one.
 long EndOfPeriod(long seconds, kyLog::TimeRotationInterval interval);
 
-/// Renames `path` to its stem, `mark` and its extension. Never to a name that exists: the mark
-/// then gets "-1", "-2" and so on. Returns the new path, or an empty one with `errno`.
-std::string PutAside(const std::string& path, const std::string& mark);
+/// Makes a new file named like `path` with `mark` before its extension, for the caller alone, and
+/// gives that `name`. Never takes a name that exists: the mark then gets "-1", "-2" and so on. -1
+/// with `errno` where that fails.
+int MakeAside(const std::string& path, const std::string& mark, std::string& name);
 
-/// Renames `from` to `to` unless that exists (EEXIST).
-bool RenameToNew(const std::string& from, const std::string& to);
+/// Exchanges what the two names stand for, at once where the file system can do that; otherwise the
+/// path names nothing for a moment.
+bool Exchange(const std::string& path, const std::string& aside);
 
 /// Removes the files that were put aside from `path` longest ago, by the time of their last line,
 /// until `keep` are left; `newest` counts as the last of all, whatever a clock that was set back
-/// says. Returns what it could not do, for people, or an empty text.
-std::string RemoveOldest(const std::string& path, const std::string& newest, std::size_t keep);
+/// says. Adds to `trouble`, for people, what could not be removed. Returns how many were.
+std::size_t RemoveOldest(const std::string& path, const std::string& newest, std::size_t keep,
+                         std::string& trouble);
 
 }  // namespace ky::impl

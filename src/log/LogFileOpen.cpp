@@ -77,8 +77,7 @@ bool LogFile::open(std::string* error)
         return FailWith(error, "Fail to initialize log file ", mSettings.pathUtf8, errno);
     if ((mSettings.options & kyLog::FileShared) != 0 && !openLock(fd.get(), error))
         return false;
-    // Under the lock the end of the file is that of a line, or torn.
-    const Locked locked(mLock.get());
+    // Without the lock, which another process may hold for long: the first write looks again.
     adopt(std::move(fd));
     return true;
 }

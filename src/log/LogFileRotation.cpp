@@ -4,6 +4,7 @@
 
 #include "log/LogFileNames.h"
 #include "log/LogFileState.h"
+#include "text/LocalPath.h"
 
 #include <string>
 #include <utility>
@@ -47,62 +48,43 @@ bool LogFile::isRotationDue() const
 }
 
 /// While a disk is full nothing is put aside: files that are full of lines would give way to empty
-/// ones. What would be removed by now goes, which may make the room that is missing.
+/// ones. What a rotation would remove goes first, and if that makes room it may begin.
 bool LogFile::canRotate()
 {
     State& state = *mState;
     // A file at its own limit says nothing of the next one (setrlimit(2), RLIMIT_FSIZE).
     if (state.error == 0 || state.error == EFBIG)
         return true;
-    if (mSettings.maxFileCount > 1)
-        state.notice += RemoveOldest(mPath, {}, mSettings.maxFileCount - 2);
-    return false;
+    return mSettings.maxFileCount > 1 &&
+           RemoveOldest(mPath, {}, mSettings.maxFileCount - 2, state.notice) != 0;
 }
 
-/// A new file at the path with mode and owner of `old`, which are the operator's choice; the owner
-/// as far as that is allowed. It has them before it gets its name, so that a kill in between cannot
-/// leave others to all that follow.
-ScopedFd LogFile::makeNext(const struct stat& old) const
-{
-    const std::string folder = mPath.substr(0, mPath.rfind('/') + 1);
-    ScopedFd fd(::open(folder.c_str(), sLogFileFlags | O_RDWR | O_TMPFILE, S_IRUSR | S_IWUSR));
-    const bool isNameless = static_cast<bool>(fd);
-    if (!fd)
-        fd = ScopedFd(
-            ::open(mPath.c_str(), sLogFileFlags | O_RDWR | O_CREAT | O_EXCL, old.st_mode & 0777));
-    if (!fd)
-        return fd;
-    static_cast<void>(::fchown(fd.get(), old.st_uid, old.st_gid) == 0);
-    static_cast<void>(::fchmod(fd.get(), old.st_mode & 07777));
-    const std::string nameless = "/proc/self/fd/" + std::to_string(fd.get());
-    if (isNameless &&
-        ::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, mPath.c_str(), AT_SYMLINK_FOLLOW) != 0)
-        fd.reset();
-    return fd;
-}
-
+/// The new file is whole, with the mode and owner of the old one, before it takes the path at once:
+/// wherever a kill comes, there is a file at the path, and it is as the operator wants it.
 void LogFile::rotate()
 {
     State& state = *mState;
     const std::string mark = state.period.has(state.firstSeconds)
                                  ? SizeRotationMark(state.firstSeconds)
                                  : TimeRotationMark(state.period.inside, mSettings.interval);
-    state.putAside = PutAside(mPath, mark);
+    ScopedFd fd(MakeAside(mPath, mark, state.putAside));
     int error = errno;
-    if (state.putAside.empty()) {
-        reportTrouble("Fail to rename log file '" + mSettings.pathUtf8 + "'", error);
+    if (!fd) {
+        reportTrouble("Fail to initialize log file '" + ToUtf8Path(state.putAside) + "'", error);
         return;
     }
     struct stat old = {};
     static_cast<void>(::fstat(state.fd.get(), &old));
-    ScopedFd fd = makeNext(old);
-    error = errno;
-    // A process that does not share the file, a forked child say, was faster.
-    if (!fd && error == EEXIST)
-        return lookAtPath();
-    if (!fd) {
-        static_cast<void>(RenameToNew(state.putAside, mPath));
-        reportTrouble("Fail to initialize log file '" + mSettings.pathUtf8 + "'", error);
+    // The owner as far as that is allowed.
+    static_cast<void>(::fchown(fd.get(), old.st_uid, old.st_gid) == 0);
+    static_cast<void>(::fchmod(fd.get(), old.st_mode & 07777));
+    if (!Exchange(mPath, state.putAside)) {
+        error = errno;
+        static_cast<void>(::unlink(state.putAside.c_str()));
+        // Gone when a process that does not share the file, a forked child say, was faster.
+        if (error == ENOENT)
+            return lookAtPath();
+        reportTrouble("Fail to rename log file '" + mSettings.pathUtf8 + "'", error);
         return;
     }
     state.previous = std::move(state.fd);
@@ -114,8 +96,8 @@ void LogFile::rotate()
 void LogFile::undoRotation()
 {
     State& state = *mState;
-    static_cast<void>(::unlink(mPath.c_str()));
-    static_cast<void>(RenameToNew(state.putAside, mPath));
+    if (Exchange(mPath, state.putAside))
+        static_cast<void>(::unlink(state.putAside.c_str()));
     adopt(std::move(state.previous));
 }
 
@@ -124,7 +106,7 @@ void LogFile::finishRotation()
     State& state = *mState;
     state.previous.reset();
     if (mSettings.maxFileCount != 0)
-        state.notice += RemoveOldest(mPath, state.putAside, mSettings.maxFileCount - 1);
+        RemoveOldest(mPath, state.putAside, mSettings.maxFileCount - 1, state.notice);
 }
 
 /// Lines that were made in one period and written in the next must not make the file look like one

@@ -103,40 +103,28 @@ void kyLogThread::flush()
     waitUntil([&] { return mWrittenTicket >= ticket; });
 }
 
-kyLogThread::Hold::Hold(kyLogThread* thread)
-    : mThread(thread == nullptr || thread->isCurrent() ? nullptr : thread)
-{
-    if (mThread == nullptr)
-        return;
-    const impl::InsideLog inside;
-    const kyMutexLocker lock(mThread->mMutex, true);
-    ++mThread->mHolds;
-}
-
-kyLogThread::Hold::~Hold()
-{
-    if (mThread == nullptr)
-        return;
-    const impl::InsideLog inside;
-    const kyMutexLocker lock(mThread->mMutex, true);
-    --mThread->mHolds;
-    mThread->wake();
-}
-
 void kyLogThread::configure(kyLogParameters& parameters,
                             const std::function<void(kyLogParameters&)>& change)
 {
     makeChange(parameters, change, false);
 }
 
-void kyLogThread::configureHeld(kyLogParameters& parameters,
-                                const std::function<void(kyLogParameters&)>& change)
+void kyLogThread::configureAndHold(kyLogParameters& parameters,
+                                   const std::function<void(kyLogParameters&)>& change)
 {
     makeChange(parameters, change, true);
 }
 
+void kyLogThread::goOn()
+{
+    const impl::InsideLog inside;
+    const kyMutexLocker lock(mMutex, true);
+    --mHolds;
+    wake();
+}
+
 void kyLogThread::makeChange(kyLogParameters& parameters,
-                             const std::function<void(kyLogParameters&)>& change, bool isHeld)
+                             const std::function<void(kyLogParameters&)>& change, bool holds)
 {
     const impl::InsideLog inside;
     kyMutexLocker lock(mMutex, true);
@@ -144,7 +132,11 @@ void kyLogThread::makeChange(kyLogParameters& parameters,
         waitUntil([&] { return mAdopted == mConfigured; });
     parameters = mShared;
     change(parameters);
-    if (parameters == mShared) {
+    // While somebody holds the queue, what is in it waits for the last change.
+    const bool keepsQueue = mHolds != 0;
+    if (holds)
+        ++mHolds;
+    if (parameters == mShared && !holds) {
         // A handler that has just removed itself may still run.
         if (!isCurrent())
             waitUntil([&] { return !mChangedByHandler; });
@@ -158,8 +150,8 @@ void kyLogThread::makeChange(kyLogParameters& parameters,
         adoptShared();
         return;
     }
-    mTicketBeforeChange = isHeld ? mWrittenTicket : mQueuedTicket;
-    if (!isHeld) {
+    mTicketBeforeChange = keepsQueue ? mWrittenTicket : mQueuedTicket;
+    if (!keepsQueue) {
         mBeforeChange.splice(mQueue);
         mQueuedBytes = 0;
     }

@@ -40,23 +40,11 @@ public:
     void configure(kyLogParameters& parameters,
                    const std::function<void(kyLogParameters&)>& change);
 
-    /// While it lives nothing that is queued is written, so that entries which come between two
-    /// changes are written under the second, made with `configureHeld`. Null, and on the thread
-    /// itself, it does nothing.
-    class Hold {
-    public:
-        explicit Hold(kyLogThread* thread);
-        ~Hold();
-        Hold(const Hold&) = delete;
-        Hold& operator=(const Hold&) = delete;
-
-    private:
-        kyLogThread* const mThread;
-    };
-
-    /// `configure`, but what is queued already is written the new way.
-    void configureHeld(kyLogParameters& parameters,
-                       const std::function<void(kyLogParameters&)>& change);
+    /// `configure`, and from then on nothing that is queued is written until `goOn`, so that what
+    /// comes between this change and later ones is written under the last of them.
+    void configureAndHold(kyLogParameters& parameters,
+                          const std::function<void(kyLogParameters&)>& change);
+    void goOn();
 
     /// Whether the caller runs on this thread.
     bool isCurrent() const;
@@ -93,7 +81,7 @@ private:
     class Ending;
 
     void makeChange(kyLogParameters& parameters,
-                    const std::function<void(kyLogParameters&)>& change, bool isHeld);
+                    const std::function<void(kyLogParameters&)>& change, bool holds);
     bool hasWork() const;
     void adoptShared();
     void waitForWork(kyMutexLocker& lock);
