@@ -35,14 +35,14 @@ public:
     // The order of the virtual functions is fixed: devices of users are compiled against it.
     virtual ~kyIoDevice();
 
-    /// Reads up to `n` bytes and returns how many came.
+    /// Reads up to `n` bytes and returns how many came, never more than `n`.
     virtual unsigned long readBytes(char* dst, unsigned long n) = 0;
 
     /// Returns how many bytes were accepted.
     virtual unsigned long writeBytes(char const* src, unsigned long n) = 0;
 
     virtual bool atEnd() const = 0;
-    virtual bool hasDeviceError() const;
+    virtual bool hasDeviceError() const { return mHasError; }
 
     /// The first error since the last `clearDeviceError`, or empty.
     virtual std::string getDeviceErrorMsg() const;
@@ -51,7 +51,9 @@ public:
     /// and stores the number of bytes in `bytesWritten`, which may be null. Returns `good()`.
     /// When `dst` takes less than it is given, this device (not `dst`) records "Destination device
     /// is in error", and the result is false with `bytesWritten` untouched. `buffer`, which may be
-    /// null, is used for the transfer; its size is 4 MiB afterwards, whatever it was.
+    /// null, is used for the transfer; its size is 4 MiB afterwards, whatever it was. A read that
+    /// tells more than was asked for is an error, too: "Device tells more bytes than it was asked
+    /// for".
     virtual bool writeBackToDevice(kyIoDevice& dst, unsigned long* bytesWritten = nullptr,
                                    std::vector<char>* buffer = nullptr);
 
@@ -91,8 +93,9 @@ public:
     virtual bool seek(long offset, SeekStart from) = 0;
     virtual long getCurrentPos() const = 0;
 
-    /// Reads the whole device, whatever its position, and goes back to it. False when the device
-    /// has no size (a pipe) or gives less than its size; `out` is unspecified then.
+    /// Reads the whole device, whatever its position, with several calls where it is larger than
+    /// 16 MiB, and goes back to the position. False when the device has no size (a pipe) or gives
+    /// less than its size; `out` is unspecified then.
     bool loadFullFileContent(std::vector<char>& out);
 };
 
@@ -100,8 +103,11 @@ public:
 ///
 /// Bytes are buffered: a write that was accepted may still fail at `flush`, `seek`, a read, a later
 /// write or `close`, and is then recorded by that one as "std sub stream fail bit is set after a
-/// write" (by `seek` as "std sub stream is in error after a seekp"). Where the limit of file sizes
-/// is hit, the host must ignore SIGXFSZ to see that (setrlimit(2)).
+/// write" (by `seek` as "std sub stream is in error after a seekp"; one that fails at `atEnd` by
+/// what follows). What is in the file then is the beginning of what was buffered, and `flush` and
+/// `close` record the loss again if the error is cleared meanwhile. Where the limit of file sizes
+/// is hit, the host must ignore SIGXFSZ to see that (setrlimit(2)). After a fork(2) both processes
+/// hold what was buffered and would write it: flush before.
 class KY_API kyIoDeviceFileStream : public kyIoDeviceRandomAccess {
 public:
     kyIoDeviceFileStream();
@@ -113,7 +119,8 @@ public:
     /// Opens the file at the path set before, after closing what was open and clearing the error;
     /// a failure of that closing is only seen in the log. Writing creates the file when it is
     /// missing. Write-only without `truncate` appends to a file that exists, and the position
-    /// counts from 0 all the same. Opening a named pipe waits for the other side (fifo(7)); a
+    /// counts from 0 all the same. Opening a named pipe in one direction waits for the other side
+    /// (fifo(7)); where the file is also opened for reading, as for appending, it does not. A
     /// directory opens for reading, and the first read fails.
     ///
     /// A failure records "failed to open file: 'PATH' (bits FB)", where the digits tell whether the
@@ -140,6 +147,7 @@ public:
     /// All or, with an error, 0. The position advances by `n` in either case.
     unsigned long writeBytes(char const* src, unsigned long n) override;
 
+    /// Looks one byte ahead. A failure of that is not the end: the next operation records it.
     bool atEnd() const override;
 
     /// Drops what state an earlier failure left in the stream, except on a write-only file. Any
@@ -150,6 +158,8 @@ public:
 
 private:
     bool supports(DataWay way) const { return (getSupportedDataWay() & way) != 0; }
+    bool isReadyFor(DataWay way) const;
+    void advance(unsigned long n);
     unsigned long readFromStream(char* dst, unsigned long n);
     unsigned long writeToStream(char const* src, unsigned long n);
     bool flushStream();

@@ -5,37 +5,21 @@
 #include <locale>
 
 #include <fcntl.h>
-#include <cerrno>
 
 namespace ky::impl {
 namespace {
 
-/// The flags of open(2) for a mode, those of fopen(3) for the mode's text ([filebuf.members]).
-/// -1 for a combination that does not exist.
+/// The flags of open(2), those of fopen(3) for the mode's text ([filebuf.members]).
 int OpenFlags(std::ios_base::openmode mode)
 {
-    constexpr auto in = std::ios_base::in;
-    constexpr auto out = std::ios_base::out;
-    constexpr auto trunc = std::ios_base::trunc;
-    constexpr auto app = std::ios_base::app;
-    const struct {
-        std::ios_base::openmode mode;
-        int flags;
-    } table[] = {
-        {in, O_RDONLY},
-        {in | out, O_RDWR},
-        {out, O_WRONLY | O_CREAT | O_TRUNC},
-        {out | trunc, O_WRONLY | O_CREAT | O_TRUNC},
-        {in | out | trunc, O_RDWR | O_CREAT | O_TRUNC},
-        {app, O_WRONLY | O_CREAT | O_APPEND},
-        {out | app, O_WRONLY | O_CREAT | O_APPEND},
-        {in | app, O_RDWR | O_CREAT | O_APPEND},
-        {in | out | app, O_RDWR | O_CREAT | O_APPEND},
-    };
-    for (const auto& row : table)
-        if (row.mode == (mode & (in | out | trunc | app)))
-            return row.flags;
-    return -1;
+    int flags = O_WRONLY;
+    if ((mode & std::ios_base::in) != 0)
+        flags = (mode & std::ios_base::out) != 0 ? O_RDWR : O_RDONLY;
+    if ((mode & std::ios_base::trunc) != 0)
+        flags |= O_CREAT | O_TRUNC;
+    if ((mode & std::ios_base::app) != 0)
+        flags |= O_CREAT | O_APPEND;
+    return flags;
 }
 
 }  // namespace
@@ -55,6 +39,32 @@ bool FileBuffer::adopt(int fd, std::ios_base::openmode mode)
     return true;
 }
 
+FileBuffer::int_type FileBuffer::overflow(int_type c)
+{
+    const bool held = holdsUnwrittenBytes();
+    const int_type result = stdio_filebuf::overflow(c);
+    if (held && result == traits_type::eof())
+        loseWindow();
+    return result;
+}
+
+std::streamsize FileBuffer::xsputn(const char* src, std::streamsize n)
+{
+    const bool held = holdsUnwrittenBytes();
+    const std::streamsize put = stdio_filebuf::xsputn(src, n);
+    if (held && put < n)
+        loseWindow();
+    return put;
+}
+
+void FileBuffer::loseWindow()
+{
+    // The system may have taken a part, and the base class would hand out the whole once more.
+    mHasLostBytes = true;
+    _M_writing = false;
+    _M_set_buffer(-1);
+}
+
 FileStream::FileStream() : std::iostream(nullptr)
 {
     // Facets of the host's global locale may convert what is read and written.
@@ -66,14 +76,8 @@ FileStream::FileStream() : std::iostream(nullptr)
 bool FileStream::open(const std::string& localPath, std::ios_base::openmode mode)
 {
     constexpr mode_t everyone = 0666;
-    const int flags = OpenFlags(mode);
-    if (flags == -1) {
-        errno = EINVAL;
-        setstate(std::ios_base::failbit);
-        return false;
-    }
-    ScopedFd fd(RetryOnEintr(
-        [&] { return ::open(localPath.c_str(), flags | O_CLOEXEC | O_NOCTTY, everyone); }));
+    const int flags = OpenFlags(mode) | O_CLOEXEC | O_NOCTTY;
+    ScopedFd fd(RetryOnEintr([&] { return ::open(localPath.c_str(), flags, everyone); }));
     if (!fd || !mBuffer.adopt(fd.get(), mode | std::ios_base::binary)) {
         setstate(std::ios_base::failbit);
         return false;
@@ -83,10 +87,17 @@ bool FileStream::open(const std::string& localPath, std::ios_base::openmode mode
     return true;
 }
 
-void FileStream::close()
+bool FileStream::handOut()
 {
-    if (mBuffer.close() == nullptr)
-        setstate(std::ios_base::failbit);
+    if (!mBuffer.hasLostBytes() && mBuffer.pubsync() != -1)
+        return true;
+    setstate(std::ios_base::badbit);
+    return false;
+}
+
+bool FileStream::close()
+{
+    return mBuffer.close() != nullptr && !mBuffer.hasLostBytes();
 }
 
 }  // namespace ky::impl

@@ -20,29 +20,39 @@ public:
     /// Takes `fd` over, unless the result is false (`errno` tells why).
     bool adopt(int fd, std::ios_base::openmode mode);
 
-    /// All `n` bytes or, when the window has no room for them, nothing.
+    /// All `n` bytes or, when the window has no room for them or they are many, nothing.
     bool tryWrite(const char* src, unsigned long n)
     {
-        if (n > static_cast<unsigned long>(epptr() - pptr()))
+        if (n > sFewBytes || n > static_cast<unsigned long>(epptr() - pptr()))
             return false;
-        CopyBytes(pptr(), src, n);
+        CopyFew(pptr(), src, n);
         pbump(static_cast<int>(n));
         return true;
     }
 
-    /// All `n` bytes or, when the window has fewer, nothing.
+    /// All `n` bytes or, when the window has fewer or they are many, nothing.
     bool tryRead(char* dst, unsigned long n)
     {
-        if (n > static_cast<unsigned long>(egptr() - gptr()))
+        if (n > sFewBytes || n > static_cast<unsigned long>(egptr() - gptr()))
             return false;
-        CopyBytes(dst, gptr(), n);
+        CopyFew(dst, gptr(), n);
         gbump(static_cast<int>(n));
         return true;
     }
 
     bool holdsUnwrittenBytes() const { return pptr() != pbase(); }
 
+    /// Whether the system has refused bytes that the window had accepted.
+    bool hasLostBytes() const { return mHasLostBytes; }
+
+protected:
+    int_type overflow(int_type c) override;
+    std::streamsize xsputn(const char* src, std::streamsize n) override;
+
 private:
+    void loseWindow();
+
+    bool mHasLostBytes = false;
     char mBytes[128 * 1024];
 };
 
@@ -54,12 +64,16 @@ public:
     FileStream();
 
     /// Opens as `std::fstream::open` does, but always in binary mode and at the beginning
-    /// (`std::ios_base::ate` is not heeded); a signal does not interrupt it.
-    /// Otherwise the fail bit is set, and `errno` tells why. `localPath` is in the local 8-bit set.
+    /// (`std::ios_base::ate` is not heeded); a signal does not interrupt it. When the result is
+    /// false, the fail bit is set, and `errno` tells why. `localPath` is in the local 8-bit set.
     bool open(const std::string& localPath, std::ios_base::openmode mode);
 
-    /// Sets the fail bit when buffered bytes cannot be written or the system reports a late error.
-    void close();
+    /// Hands what is buffered to the system. False, with the bad bit set, when buffered bytes are
+    /// lost, now or before. Not `flush`, which does nothing at the end of the file.
+    bool handOut();
+
+    /// False when buffered bytes are lost, now or before, or the system reports a late error.
+    bool close();
 
     FileBuffer& buffer() { return mBuffer; }
 

@@ -19,7 +19,7 @@ unsigned long ReadGrowing(kyIoDevice& device, Container& out, unsigned long leng
         out.resize(goal);
         got += device.readBytes(out.data() + got, goal - got);
     } while (got == out.size() && got < length);
-    return got;
+    return std::min<unsigned long>(got, out.size());
 }
 
 }  // namespace ky::impl

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include <cstring>
+
 namespace ky {
 
 unsigned long kyIoDeviceDummy::readBytes(char* /*dst*/, unsigned long /*n*/)
@@ -53,7 +55,10 @@ void kyIoDeviceNullWriteOnly::moveTo(unsigned long position)
 unsigned long kyIoDeviceByteContainerReadOnly::readBytes(char* dst, unsigned long n)
 {
     const unsigned long size = std::min(n, mSize - mPosition);
-    impl::CopyBytes(dst, mData + mPosition, size);
+    if (size <= impl::sFewBytes)
+        impl::CopyFew(dst, mData + mPosition, size);
+    else
+        std::memcpy(dst, mData + mPosition, size);
     mPosition += size;
     return size;
 }

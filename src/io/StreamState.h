@@ -4,6 +4,8 @@
 
 #include <istream>
 
+#include <cxxabi.h>
+
 namespace ky::impl {
 
 /// Reads up to `n` bytes and leaves a stream that came short with its end-of-file bit alone, so
@@ -23,7 +25,39 @@ inline unsigned long ReadFromStream(std::istream& stream, char* dst, unsigned lo
 /// Whether there is no further byte. Sets the end-of-file bit then.
 inline bool IsNothingLeft(std::istream& stream)
 {
-    return stream.peek() == std::istream::traits_type::eof();
+    const bool wasBad = stream.bad();
+    const bool hasByte = stream.peek() != std::istream::traits_type::eof();
+    // kept: a failure that this question meets is not the end, so that the next read reports it.
+    // Asked once more, a bad stream has nothing left.
+    return !hasByte && (wasBad || !stream.bad());
+}
+
+/// The position of the byte to be read next, -1 without one. Not `std::istream::tellg`, which fails
+/// at the end of the file and leaves its failure behind.
+inline long ReadPosition(const std::istream& stream)
+{
+    try {
+        if (stream.fail() || stream.rdbuf() == nullptr)
+            return -1;
+        return stream.rdbuf()->pubseekoff(0, std::ios_base::cur, std::ios_base::in);
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        return -1;
+    }
+}
+
+/// Fails as `std::istream::seekg` does, but what has no positions at all (a pipe) stays usable: it
+/// is where it was, and its bytes are still to be read.
+inline void SeekToRead(std::istream& stream, long offset, std::ios_base::seekdir direction)
+{
+    const bool hadFailed = stream.fail();
+    stream.seekg(offset, direction);
+    if (hadFailed || stream.rdstate() != std::ios_base::failbit)
+        return;
+    stream.clear();
+    if (ReadPosition(stream) != -1)
+        stream.setstate(std::ios_base::failbit);
 }
 
 /// Other values than those of the enumeration are the end.

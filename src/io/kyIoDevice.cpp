@@ -12,11 +12,6 @@ namespace ky {
 
 kyIoDevice::~kyIoDevice() = default;
 
-bool kyIoDevice::hasDeviceError() const
-{
-    return mHasError;
-}
-
 std::string kyIoDevice::getDeviceErrorMsg() const
 {
     return mErrorMsg;
@@ -35,6 +30,10 @@ bool kyIoDevice::writeBackToDevice(kyIoDevice& dst, unsigned long* bytesWritten,
         // A device that never reports its end, such as a closed file, gives nothing for ever.
         if (size == 0)
             break;
+        if (size > bytes.size()) {
+            setDeviceError("Device tells more bytes than it was asked for");
+            return false;
+        }
         total += size;
         if (dst.writeBytes(bytes.data(), size) != size) {
             setDeviceError("Destination device is in error");
@@ -67,7 +66,7 @@ unsigned long kyIoDevice::skipBytes(unsigned long n)
     unsigned long skipped = 0;
     while (skipped < n) {
         const unsigned long asked = std::min(n - skipped, sizeof discarded);
-        const unsigned long got = readBytes(discarded, asked);
+        const unsigned long got = std::min(readBytes(discarded, asked), asked);
         skipped += got;
         if (got < asked)
             break;
@@ -100,6 +99,8 @@ bool kyIoDeviceRandomAccess::loadFullFileContent(std::vector<char>& out)
         return false;
     // A directory or an odd device tells sizes of which nothing is true.
     const auto bytes = static_cast<unsigned long>(size);
+    if (constexpr unsigned long plausibleBytes = 1UL << 30; bytes <= plausibleBytes)
+        out.reserve(bytes);
     if (impl::ReadGrowing(*this, out, bytes) < bytes)
         return false;
     return seek(position, SeekFromBeginning) && good();

@@ -1,31 +1,26 @@
 #include "ky/kyIoDevice.h"
 
+#include "ky/kyDirUtils.h"
+
 #include "io/FileStream.h"
 #include "io/StreamState.h"
 #include "text/LocalPath.h"
 
-#include <sys/stat.h>
+#include <new>
+#include <typeinfo>
 
 namespace ky {
 namespace {
 
-const char* const sReadFailed = "std sub stream bad bit is set after a read";
 const char* const sWriteFailed = "std sub stream fail bit is set after a write";
 
-bool Exists(const std::string& localPath)
-{
-    struct ::stat status = {};
-    return ::stat(localPath.c_str(), &status) == 0;
-}
-
-std::ios_base::openmode OpenMode(kyIoDevice::DataWay way, bool truncate,
-                                 const std::string& localPath)
+std::ios_base::openmode OpenMode(kyIoDevice::DataWay way, bool truncate, const std::string& path)
 {
     constexpr auto in = std::ios_base::in;
     constexpr auto out = std::ios_base::out;
     if (way == kyIoDevice::DataWayRead)
         return in;
-    const bool keep = !truncate && Exists(localPath);
+    const bool keep = !truncate && kyDirUtils::FileExistsUtf8(path);
     if (way == kyIoDevice::DataWayWrite)
         // kept: also opened for reading, which the data way then does not allow.
         return keep ? in | out | std::ios_base::app : out | std::ios_base::trunc;
@@ -44,7 +39,13 @@ kyIoDeviceFileStream::kyIoDeviceFileStream(std::string const& path, DataWay way,
 
 kyIoDeviceFileStream::~kyIoDeviceFileStream()
 {
-    close();
+    // The class's own one. With bytes that are lost it makes a message, for which memory can be
+    // short.
+    try {
+        kyIoDeviceFileStream::close();
+    } catch (const std::bad_alloc&) {
+        mIsOpen = false;
+    }
 }
 
 bool kyIoDeviceFileStream::open(DataWay way, bool truncate)
@@ -54,8 +55,7 @@ bool kyIoDeviceFileStream::open(DataWay way, bool truncate)
     bool wasRefused = false;
     if (!mPath.empty() && way >= DataWayRead && way <= DataWayReadWrite) {
         auto stream = std::make_unique<impl::FileStream>();
-        const std::string localPath = impl::ToLocalPath(mPath);
-        wasRefused = !stream->open(localPath, OpenMode(way, truncate, localPath));
+        wasRefused = !stream->open(impl::ToLocalPath(mPath), OpenMode(way, truncate, mPath));
         if (!wasRefused)
             mStream = std::move(stream);
     }
@@ -94,10 +94,8 @@ bool kyIoDeviceFileStream::flush()
 bool kyIoDeviceFileStream::close()
 {
     if (mStream) {
-        // A failure before is recorded already, and its bytes are known to be lost.
-        mStream->clear();
-        mStream->close();
-        if (mStream->fail())
+        // Also for bytes lost before, whose error may have been cleared since.
+        if (!mStream->close())
             setDeviceError(sWriteFailed);
         mStream.reset();
     }
@@ -108,12 +106,24 @@ bool kyIoDeviceFileStream::close()
     return wasOpen && !hasDeviceError();
 }
 
+// Whether the window may be used without asking anything else: a derived class can have another
+// idea of what an error is.
+inline bool kyIoDeviceFileStream::isReadyFor(DataWay way) const
+{
+    return &typeid(*this) == &typeid(kyIoDeviceFileStream) && !kyIoDevice::hasDeviceError() &&
+           supports(way) && mStream->good();
+}
+
+// Unsigned: a position that is sought may be near to the largest.
+inline void kyIoDeviceFileStream::advance(unsigned long n)
+{
+    mPosition = static_cast<long>(static_cast<unsigned long>(mPosition) + n);
+}
+
 unsigned long kyIoDeviceFileStream::readBytes(char* dst, unsigned long n)
 {
-    if (!mStream || !good() || !supports(DataWayRead))
-        return 0;
-    if (mStream->good() && mStream->buffer().tryRead(dst, n)) {
-        mPosition += static_cast<long>(n);
+    if (mStream && isReadyFor(DataWayRead) && mStream->buffer().tryRead(dst, n)) {
+        advance(n);
         return n;
     }
     return readFromStream(dst, n);
@@ -121,31 +131,35 @@ unsigned long kyIoDeviceFileStream::readBytes(char* dst, unsigned long n)
 
 unsigned long kyIoDeviceFileStream::readFromStream(char* dst, unsigned long n)
 {
+    if (!mStream || !good() || !supports(DataWayRead))
+        return 0;
     // Reading would empty the buffer too, but take a failure for the end of the file.
     if (mStream->buffer().holdsUnwrittenBytes() && !flushStream())
         return 0;
     const unsigned long got = impl::ReadFromStream(*mStream, dst, n);
     if (mStream->bad()) {
-        setDeviceError(sReadFailed);
+        setDeviceError("std sub stream bad bit is set after a read");
         return 0;
     }
-    mPosition += static_cast<long>(got);
+    advance(got);
     return got;
 }
 
 unsigned long kyIoDeviceFileStream::writeBytes(char const* src, unsigned long n)
 {
-    if (!mStream || !good() || !supports(DataWayWrite))
-        return 0;
-    // kept: before the outcome is known.
-    mPosition += static_cast<long>(n);
-    if (mStream->good() && mStream->buffer().tryWrite(src, n))
+    if (mStream && isReadyFor(DataWayWrite) && mStream->buffer().tryWrite(src, n)) {
+        advance(n);
         return n;
+    }
     return writeToStream(src, n);
 }
 
 unsigned long kyIoDeviceFileStream::writeToStream(char const* src, unsigned long n)
 {
+    if (!mStream || !good() || !supports(DataWayWrite))
+        return 0;
+    // kept: before the outcome is known.
+    advance(n);
     // With this bit alone a stream writes nothing and reports nothing.
     if (mStream->rdstate() == std::ios_base::eofbit)
         mStream->clear();
@@ -160,12 +174,10 @@ unsigned long kyIoDeviceFileStream::writeToStream(char const* src, unsigned long
 
 bool kyIoDeviceFileStream::flushStream()
 {
-    // Not std::ostream::flush, which does nothing at the end of the file.
-    if (mStream->buffer().pubsync() != -1)
-        return true;
-    mStream->setstate(std::ios_base::badbit);
-    setDeviceError(sWriteFailed);
-    return false;
+    const bool isDone = mStream->handOut();
+    if (!isDone)
+        setDeviceError(sWriteFailed);
+    return isDone;
 }
 
 bool kyIoDeviceFileStream::atEnd() const
@@ -174,6 +186,10 @@ bool kyIoDeviceFileStream::atEnd() const
         return false;
     if (mStream->eof())
         return true;
+    // Peeking would empty the buffer too, but take a failure for the end. What comes next reports
+    // it, as this question cannot.
+    if (mStream->buffer().holdsUnwrittenBytes() && !mStream->handOut())
+        return false;
     const bool isAtEnd = impl::IsNothingLeft(*mStream);
     // A later write must not find the bit that only this question has set.
     if (isAtEnd && !supports(DataWayRead))
@@ -218,11 +234,12 @@ bool kyIoDeviceFileStream::seekToWrite(long offset, SeekStart from)
 bool kyIoDeviceFileStream::seekToRead(long offset, SeekStart from)
 {
     if (from >= SeekFromBeginning && from <= SeekFromEnd)
-        mStream->seekg(offset, impl::SeekDirection(from));
+        impl::SeekToRead(*mStream, offset, impl::SeekDirection(from));
     else
-        mStream->seekg(0, std::ios_base::cur);
+        // Only takes the end-of-file bit back, with which the position could not be told.
+        impl::SeekToRead(*mStream, 0, std::ios_base::cur);
     // kept: a target that does not exist is no error here, and the position is -1 then.
-    mPosition = mStream->tellg();
+    mPosition = impl::ReadPosition(*mStream);
     if (mStream->bad()) {
         setDeviceError("std sub stream is in error after a seekg");
         return false;

@@ -50,7 +50,7 @@ bool kyIoDeviceStdStreamProxy::atEnd() const
 bool kyIoDeviceStdStreamProxy::seek(long offset, SeekStart from)
 {
     if (mInput != nullptr)
-        mInput->seekg(offset, impl::SeekDirection(from));
+        impl::SeekToRead(*mInput, offset, impl::SeekDirection(from));
     else if (mOutput != nullptr)
         mOutput->seekp(offset, impl::SeekDirection(from));
     return mInput != nullptr || mOutput != nullptr;
@@ -60,12 +60,7 @@ long kyIoDeviceStdStreamProxy::getCurrentPos() const
 {
     if (mOutput != nullptr)
         return mOutput->tellp();
-    if (mInput == nullptr)
-        return 0;
-    if (mInput->fail() || mInput->rdbuf() == nullptr)
-        return -1;
-    // Not std::istream::tellg, which fails at the end of the file and leaves its failure behind.
-    return mInput->rdbuf()->pubseekoff(0, std::ios_base::cur, std::ios_base::in);
+    return mInput != nullptr ? impl::ReadPosition(*mInput) : 0;
 }
 
 }  // namespace ky

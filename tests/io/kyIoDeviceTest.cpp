@@ -4,6 +4,7 @@
 #include "support/Devices.h"
 #include "support/Library.h"
 
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -87,6 +88,15 @@ TEST_F(IoDevice, TransfersWhatIsLeftAndBlamesTheSource)
         EXPECT_TRUE(refusing.good());
         EXPECT_EQ(written, (4ul << 20) + 1) << "touched";
     }
+
+    // A device that tells more than was asked for.
+    struct : NotingDevice {
+        unsigned long readBytes(char* /*dst*/, unsigned long n) override { return n + 1; }
+        bool atEnd() const override { return false; }
+    } lying;
+    EXPECT_EQ(lying.skipBytes(5000), 5000u);
+    EXPECT_FALSE(lying.writeBackToDevice(target, &written));
+    EXPECT_EQ(lying.getDeviceErrorMsg(), "Device tells more bytes than it was asked for");
 }
 
 TEST_F(IoDevice, EndsTransfersAndLoadsOnEveryKindOfDevice)
@@ -97,7 +107,7 @@ TEST_F(IoDevice, EndsTransfersAndLoadsOnEveryKindOfDevice)
     // Both ends of the pipe, so that opening does not wait.
     const int fifo = ::open(folder.path("fifo").c_str(), O_RDWR | O_CLOEXEC);
     std::istringstream input("content");
-    std::ostringstream output;
+    std::ifstream directory(folder.path(""));
     const auto open = [&](const std::string& name, kyIoDevice::DataWay way) {
         return [=, &folder] {
             return std::make_unique<kyIoDeviceFileStream>(folder.path(name), way, false);
@@ -108,33 +118,35 @@ TEST_F(IoDevice, EndsTransfersAndLoadsOnEveryKindOfDevice)
         std::function<std::unique_ptr<Access>()> make;
         bool loads;
         std::string loaded;
-        bool transfers;
+        const char* error;  // that transferring meets
         unsigned long transferred;
     } rows[] = {
-        {"closed file", [] { return std::make_unique<kyIoDeviceFileStream>(); }, false, "", true,
-         0},
-        {"file", open("file", kyIoDevice::DataWayRead), true, "content", true, 7},
-        {"read-write file", open("file", kyIoDevice::DataWayReadWrite), true, "content", true, 7},
-        {"appended file", open("file", kyIoDevice::DataWayWrite), false, "", true, 0},
-        {"directory", open("", kyIoDevice::DataWayRead), false, "", true, 0},
+        {"closed file", [] { return std::make_unique<kyIoDeviceFileStream>(); }, false, "", "", 0},
+        {"file", open("file", kyIoDevice::DataWayRead), true, "content", "", 7},
+        {"read-write file", open("file", kyIoDevice::DataWayReadWrite), true, "content", "", 7},
+        {"appended file", open("file", kyIoDevice::DataWayWrite), false, "", "", 0},
+        {"directory", open("", kyIoDevice::DataWayRead), false, "",
+         "std sub stream bad bit is set after a read", 0},
         {"input",
          [&] {
              return std::make_unique<kyIoDeviceStdStreamProxy>(static_cast<std::istream*>(&input));
          },
-         true, "content", true, 7},
-        {"output", [&] { return std::make_unique<kyIoDeviceStdStreamProxy>(&output); }, true, "",
-         true, 0},
+         true, "content", "", 7},
+        {"input that fails",
+         [&] {
+             return std::make_unique<kyIoDeviceStdStreamProxy>(
+                 static_cast<std::istream*>(&directory));
+         },
+         false, "", "std sub stream is in error after a read : istream bad bit is set", 0},
         {"no stream",
          [] {
              return std::make_unique<kyIoDeviceStdStreamProxy>(static_cast<std::istream*>(nullptr));
          },
-         false, "", true, 0},
-        {"null writer", [] { return std::make_unique<kyIoDeviceNullWriteOnly>(); }, false, "", true,
-         0},
+         false, "", "", 0},
         {"bytes", [] { return std::make_unique<kyIoDeviceByteContainerReadOnly>("content", 7); },
-         true, "content", true, 7},
+         true, "content", "", 7},
         {"no bytes", [] { return std::make_unique<kyIoDeviceByteContainerReadOnly>(nullptr, 0); },
-         true, "", true, 0},
+         true, "", "", 0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -145,16 +157,28 @@ TEST_F(IoDevice, EndsTransfersAndLoadsOnEveryKindOfDevice)
             EXPECT_EQ(std::string(bytes.begin(), bytes.end()), row.loaded);
         }
         device->clearDeviceError();
+        directory.clear();
         kyIoDeviceNullWriteOnly target;
         unsigned long written = 0;
-        EXPECT_EQ(device->writeBackToDevice(target, &written), row.transfers)
-            << device->getDeviceErrorMsg();
+        const auto again = row.loads ? nullptr : row.make();
+        kyIoDevice& source = again ? *again : *device;
+        EXPECT_EQ(source.writeBackToDevice(target, &written), *row.error == '\0');
+        EXPECT_EQ(source.getDeviceErrorMsg(), row.error);
+        EXPECT_TRUE(*row.error == '\0' || source.atEnd()) << "asked for ever";
         EXPECT_EQ(written, row.transferred);
     }
 
+    // What cannot be loaded is still to be read.
     std::vector<char> bytes;
     kyIoDeviceFileStream pipe(folder.path("fifo"), kyIoDevice::DataWayRead, false);
-    EXPECT_TRUE(pipe.isOpen() && !pipe.loadFullFileContent(bytes));
+    std::ifstream pipeStream(folder.path("fifo"));
+    kyIoDeviceStdStreamProxy proxy(static_cast<std::istream*>(&pipeStream));
+    for (Access* const device : {static_cast<Access*>(&pipe), static_cast<Access*>(&proxy)}) {
+        ASSERT_EQ(::write(fifo, "content", 7), 7);
+        EXPECT_FALSE(device->loadFullFileContent(bytes));
+        EXPECT_TRUE(device->good());
+        EXPECT_EQ(Read(*device, 7), "content");
+    }
     ::close(fifo);
     unsigned long written = 1;
     EXPECT_TRUE(pipe.writeBackToDevice(pipe, &written));
@@ -253,11 +277,11 @@ TEST_F(IoDevice, SinksCountOrForget)
     kyIoDeviceDummy dummy;
     kyIoDeviceNullWriteOnly counter;
     kyIoDeviceByteContainerReadOnly bytes("x", 1);
-    EXPECT_EQ(Read(dummy, 1) + Read(counter, 1), "");
+    EXPECT_EQ(Read(counter, 1), "");
     EXPECT_EQ(bytes.writeBytes("y", 1), 0u);
-    EXPECT_EQ(dummy.getDeviceErrorMsg(), "Read is not supported");
     EXPECT_EQ(counter.getDeviceErrorMsg(), "readBytes is not supported");
     EXPECT_EQ(bytes.getDeviceErrorMsg(), "Write is not supported");
+    dummy.setDeviceError("broken");
     EXPECT_EQ(dummy.writeBytes("y", 1), 1u) << "kept: an error does not stop it";
     EXPECT_TRUE(dummy.atEnd() && counter.atEnd());
 }
