@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace ky {
@@ -98,8 +99,12 @@ public:
     /// Up to its terminator; null is an empty text.
     kyDataStream& operator<<(char const* text);
 
-    /// Any other pointer would be taken for a bool.
-    kyDataStream& operator<<(void const*) = delete;
+    /// What has no layout of its own: other pointers would be taken for bools, enumerations and
+    /// wide characters for numbers of some size. Cast to the type that the reader reads.
+    template <typename Value,
+              std::enable_if_t<
+                  std::is_scalar_v<Value> && !std::is_convertible_v<Value, char const*>, int> = 0>
+    kyDataStream& operator<<(Value) = delete;
 
     /// False after a failure.
     kyDataStream& operator>>(bool& value);

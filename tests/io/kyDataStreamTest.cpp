@@ -3,7 +3,6 @@
 #include "support/Devices.h"
 #include "support/Library.h"
 
-#include <chrono>
 #include <functional>
 #include <limits>
 
@@ -101,12 +100,10 @@ TEST_F(DataStream, LaysOutEveryTypeInBothOrders)
     bool isSet = false;
     stream >> isSet;
     EXPECT_TRUE(isSet) << "anything but 0";
-}
 
-TEST_F(DataStream, MakesOneCallPerValueAndOnePerText)
-{
+    // One call per value and one per text.
     NotingDevice device;
-    kyDataStream stream(device, sBig);
+    stream.setIoDevice(&device, sBig);
     stream << 1 << 2.0 << 'c' << "text"
            << "";
     device.writeBytes("raw", 3);
@@ -165,10 +162,7 @@ TEST_F(DataStream, StaysFailedFromAnyCallOnAndKeepsItsTargets)
         char raw = 0;
         EXPECT_EQ(reader.readRawBytes(&raw, 1), 0u);
     }
-}
 
-TEST_F(DataStream, TellsTheDevicesErrorOnly)
-{
     ky::kyIoDeviceDummy dummy;
     kyDataStream stream(dummy, sLittle);
     int number = 0;
@@ -209,7 +203,6 @@ TEST_F(DataStream, DoesNothingWithoutADevice)
 TEST_F(DataStream, TrustsNoLengthAndRefusesTextsThatHaveNone)
 {
     const std::string hostile = "\xFF\xFF\xFF\xFF"s + "five!";
-    const auto start = std::chrono::steady_clock::now();
     rusage before = {};
     ::getrusage(RUSAGE_SELF, &before);
     for (const bool isText : {false, true}) {
@@ -227,7 +220,6 @@ TEST_F(DataStream, TrustsNoLengthAndRefusesTextsThatHaveNone)
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 << 10) << "KiB";
 #endif
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 
     // Just above the size that is read in one call, and a device that ends within it.
     for (const unsigned missing : {0u, 1u}) {
