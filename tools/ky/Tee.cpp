@@ -13,6 +13,7 @@
 
 #include <unistd.h>
 #include <cerrno>
+#include <csignal>
 
 namespace ky::tool {
 namespace {
@@ -37,7 +38,7 @@ public:
 /// files.
 class Outputs {
 public:
-    Outputs() { mOutputs.emplace_back("", new kyIoDeviceStdStreamProxy(&std::cout)); }
+    Outputs() { mOutputs.emplace_back("", std::make_unique<kyIoDeviceStdStreamProxy>(&std::cout)); }
 
     void open(const std::string& path, bool truncate)
     {
@@ -97,6 +98,9 @@ private:
 
 int RunTee(const Options& options)
 {
+    // An output that ends or is full is an error of that output, not the end of the command.
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN);
     initializeKySystem(InitType::Light, false);
     bool isGood = false;
     {
