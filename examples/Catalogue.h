@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -67,6 +68,13 @@ inline unsigned Crc32(const std::vector<char>& bytes)
     return ~crc;
 }
 
+/// False, always.
+inline bool Fail(std::string& error, const std::string& text)
+{
+    error = text;
+    return false;
+}
+
 /// False, with the reason in `error`.
 inline bool WriteCatalogue(ky::kyIoDevice& device, const Catalogue& entries, std::string& error)
 {
@@ -77,12 +85,13 @@ inline bool WriteCatalogue(ky::kyIoDevice& device, const Catalogue& entries, std
     for (const CatalogueEntry& entry : entries)
         bodyStream << entry.name << entry.sizeBytes << entry.modifiedSeconds << entry.isExecutable;
 
+    if (!bodyStream.isOk() || body.size() > std::numeric_limits<unsigned>::max())
+        return Fail(error, "cannot be written: it is larger than 4 GiB");
+
     ky::kyDataStream stream(device, ky::kyDataStream::BigEndian);
     stream.writeRawData(sCatalogueMagic.data(), sCatalogueMagic.size());
     stream << sCatalogueVersion << body << Crc32(body);
-    if (!bodyStream.isOk() || !stream.isOk())
-        error = "cannot be written: " + stream.getErrorMsg();
-    return bodyStream.isOk() && stream.isOk();
+    return stream.isOk() || Fail(error, "cannot be written: " + stream.getErrorMsg());
 }
 
 /// False, with the reason in `error` and `entries` unspecified, for whatever is no whole and
@@ -93,20 +102,18 @@ inline bool ReadCatalogue(ky::kyIoDevice& device, Catalogue& entries, std::strin
     std::string magic(sCatalogueMagic.size(), '\0');
     unsigned version = 0;
     stream.readRawBytes(magic.data(), magic.size());
-    if (!device.good())
-        return error = device.getDeviceErrorMsg(), false;
-    if (magic != sCatalogueMagic)
-        return error = "is no catalogue", false;
+    if (stream.isOk() && magic != sCatalogueMagic)
+        return Fail(error, "is no catalogue");
     stream >> version;
     if (stream.isOk() && version != sCatalogueVersion)
-        return error = "has the unknown version " + std::to_string(version), false;
+        return Fail(error, "has the unknown version " + std::to_string(version));
     std::vector<char> body;
     unsigned check = 0;
     stream >> body >> check;
     if (!stream.isOk())
-        return error = stream.getErrorMsg().empty() ? "is truncated" : stream.getErrorMsg(), false;
+        return Fail(error, device.good() ? "is truncated" : device.getDeviceErrorMsg());
     if (check != Crc32(body))
-        return error = "is corrupt: its check is wrong", false;
+        return Fail(error, "is corrupt: its check is wrong");
 
     ky::kyIoDeviceByteContainerReadOnly bodyDevice(body.data(), body.size());
     ky::kyDataStream bodyStream(bodyDevice, ky::kyDataStream::BigEndian);
@@ -119,8 +126,8 @@ inline bool ReadCatalogue(ky::kyIoDevice& device, Catalogue& entries, std::strin
         bodyStream >> entry.name >> entry.sizeBytes >> entry.modifiedSeconds >> entry.isExecutable;
     }
     if (!bodyStream.isOk() || !bodyDevice.atEnd())
-        return error = "is corrupt: its entries do not fill it", false;
+        return Fail(error, "is corrupt: its entries do not fill it");
     if (!device.atEnd())
-        return error = "is corrupt: it goes on behind its end", false;
+        return Fail(error, "is corrupt: it goes on behind its end");
     return true;
 }

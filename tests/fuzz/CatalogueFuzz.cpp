@@ -5,6 +5,7 @@
 
 #include "fuzz/Require.h"
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <string_view>
