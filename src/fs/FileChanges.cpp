@@ -7,6 +7,7 @@
 #include "fs/ScopedHandles.h"
 #include "text/LocalPath.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <cerrno>
 #include <cstdio>
@@ -39,11 +40,12 @@ void CopyBytes(std::FILE* source, std::FILE* destination)
 
 /// What has no length, such as a pipe, cannot be emptied and need not be. An empty file is left
 /// alone: truncated, it would be written to disk at its closing (ext4(5), auto_da_alloc).
-void Empty(int fd)
+bool Empty(int fd)
 {
     struct stat status;
-    if (::fstat(fd, &status) == 0 && status.st_size != 0)
-        static_cast<void>(::ftruncate(fd, 0) == 0);
+    if (::fstat(fd, &status) != 0)
+        return false;
+    return !S_ISREG(status.st_mode) || status.st_size == 0 || ::ftruncate(fd, 0) == 0;
 }
 
 }  // namespace
@@ -84,7 +86,8 @@ bool kyDirUtils::CopyFileUtf8(const std::string& source, const std::string& dest
     const int fd = ::fileno(to.get());
     if (impl::IsSameFile(::fileno(from.get()), fd))
         return true;
-    Empty(fd);
+    if (!Empty(fd))
+        return Fail(error, "fail to open destination file '", destination, errno);
     CopyBytes(from.get(), to.get());
     return true;
 }

@@ -3,6 +3,7 @@
 #include "text/LocalPath.h"
 
 #include <tuple>
+#include <utility>
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>

@@ -27,13 +27,6 @@ bool Lock(std::FILE* stream, int operation)
     return impl::RetryOnEintr([&] { return ::flock(::fileno(stream), operation); }) == 0;
 }
 
-bool FailKeepingErrno(std::string* error, const char* text, int errorNumber)
-{
-    impl::Fail(error, text, errorNumber);
-    errno = errorNumber;
-    return false;
-}
-
 void Add(std::string* error, const std::string& text)
 {
     if (error == nullptr)
@@ -52,14 +45,14 @@ bool TakeOnce(const std::string& localPath, kyLockFile::LockType type, impl::Sco
     if (fileExisted) {
         const int operation = type == kyLockFile::Shared ? LOCK_SH : LOCK_EX;
         return Lock(stream.get(), operation | LOCK_NB) ||
-               FailKeepingErrno(error, "Fail to acquire lock on existing file, ", errno);
+               impl::Fail(error, "Fail to acquire lock on existing file, ", errno);
     }
     stream = impl::OpenStream(localPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, "w+");
     if (!stream)
-        return FailKeepingErrno(error, "Fail to open lock file in w+, ", errno);
+        return impl::Fail(error, "Fail to open lock file in w+, ", errno);
     // kept: a file created here is locked exclusively, even when Shared was asked for.
     return Lock(stream.get(), LOCK_EX | LOCK_NB) ||
-           FailKeepingErrno(error, "Fail to set lock on created file, ", errno);
+           impl::Fail(error, "Fail to set lock on created file, ", errno);
 }
 
 }  // namespace

@@ -2,18 +2,9 @@
 
 #include "ky/kyStringUtils.h"
 
-#include <algorithm>
+#include "text/Ascii.h"
 
 namespace ky {
-namespace {
-
-bool IsAscii(const std::string& text)
-{
-    return std::all_of(text.begin(), text.end(),
-                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
-
-}  // namespace
 
 std::string impl::ToLocalPath(const std::string& pathUtf8)
 {
