@@ -86,27 +86,6 @@ public:
     virtual ~kyProgressMonitorable();
 };
 
-namespace impl {
-
-/// The three reasons for which a notifier asks to cancel.
-class NotifierCancel {
-public:
-    NotifierCancel(const bool* externalFlag, const kyCancelInterfaceReadOnly* external);
-
-    bool shouldCancel() const;
-    void setInternalFlag(bool flag) { mInternalFlag.store(flag, std::memory_order_relaxed); }
-    void setExternalFlag(const bool* flag);
-    void setExternal(const kyCancelInterfaceReadOnly* external) { mExternal = external; }
-
-private:
-    const bool* mExternalFlag;
-    const kyCancelInterfaceReadOnly* mExternal;
-    std::atomic<bool> mInternalFlag = false;  // written by any thread
-    const bool mSpareFlag = false;
-};
-
-}  // namespace impl
-
 /// Folds the groups into one figure and tells subclasses when it changes.
 ///
 /// The figure rests on the progress of the innermost group; of the groups around it only the place
@@ -163,8 +142,11 @@ private:
     void update();
 
     std::vector<StepGroup> mGroups;  // innermost last
-    impl::NotifierCancel mCancel;
+    const bool* mExternalFlag;       // mSpareFlag when none is given
+    const kyCancelInterfaceReadOnly* mExternal;
     float mGlobalProgress = 0.0f;
+    std::atomic<bool> mInternalFlag = false;  // written by any thread
+    const bool mSpareFlag = false;
 };
 
 /// Draws a bar on standard output, over and over in the same line, for each whole percent. Neither
@@ -177,8 +159,9 @@ public:
         const kyCancelInterfaceReadOnly* externalCancel = nullptr);
     ~kyProgressNotifierConsoleView() override;
 
-    /// Progress outside 0 to 1 draws a bar that is longer than `width`, to a limit of 65536
-    /// characters. NaN counts as 0.
+    /// Progress above 1 draws a bar that is longer than `width`, and negative progress an empty one
+    /// with more blanks, to a limit of 65536 characters, or `width` where that is more. NaN counts
+    /// as 0.
     void onProgressChanged(float globalProgress) override;
 
 private:
@@ -217,7 +200,10 @@ public:
     float getGlobalProgress() const override { return 0.0f; }
 
 private:
-    impl::NotifierCancel mCancel;
+    const bool* mExternalFlag;  // mSpareFlag when none is given
+    const kyCancelInterfaceReadOnly* mExternal;
+    std::atomic<bool> mInternalFlag = false;  // written by any thread
+    const bool mSpareFlag = false;
 };
 
 /// Lets several threads use one notifier: every call holds a mutex of the proxy's own. The target

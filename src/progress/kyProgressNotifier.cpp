@@ -12,6 +12,14 @@ double PositiveOrOne(double maxProgress)
     return maxProgress > 0.0 ? maxProgress : 1.0;
 }
 
+bool ShouldCancel(const std::atomic<bool>& internalFlag, const bool* externalFlag,
+                  const kyCancelInterfaceReadOnly* external)
+{
+    if (internalFlag.load(std::memory_order_relaxed) || impl::IsFlagSet(externalFlag))
+        return true;
+    return external != nullptr && external->shouldCancel();
+}
+
 }  // namespace
 
 kyProgressNotifierInterface::~kyProgressNotifierInterface() = default;
@@ -33,26 +41,10 @@ void kyProgressNotifierGroupCloser::forgiveNotifier(bool closeGroup)
         notifier->endStepGroup();
 }
 
-impl::NotifierCancel::NotifierCancel(const bool* externalFlag,
-                                     const kyCancelInterfaceReadOnly* external)
-    : mExternalFlag(externalFlag != nullptr ? externalFlag : &mSpareFlag), mExternal(external)
-{}
-
-bool impl::NotifierCancel::shouldCancel() const
-{
-    if (mInternalFlag.load(std::memory_order_relaxed) || IsFlagSet(mExternalFlag))
-        return true;
-    return mExternal != nullptr && mExternal->shouldCancel();
-}
-
-void impl::NotifierCancel::setExternalFlag(const bool* flag)
-{
-    mExternalFlag = flag != nullptr ? flag : &mSpareFlag;
-}
-
 kyProgressNotifierBase::kyProgressNotifierBase(const bool* externalCancelFlag,
                                                const kyCancelInterfaceReadOnly* externalCancel)
-    : mCancel(externalCancelFlag, externalCancel)
+    : mExternalFlag(externalCancelFlag != nullptr ? externalCancelFlag : &mSpareFlag),
+      mExternal(externalCancel)
 {
     kyProgressNotifierBase::resetNotifier();
 }
@@ -61,7 +53,7 @@ kyProgressNotifierBase::~kyProgressNotifierBase() = default;
 
 bool kyProgressNotifierBase::shouldCancel() const
 {
-    return mCancel.shouldCancel();
+    return ShouldCancel(mInternalFlag, mExternalFlag, mExternal);
 }
 
 void kyProgressNotifierBase::cancel()
@@ -71,17 +63,17 @@ void kyProgressNotifierBase::cancel()
 
 void kyProgressNotifierBase::setInternalCancelFlag(bool flag)
 {
-    mCancel.setInternalFlag(flag);
+    mInternalFlag.store(flag, std::memory_order_relaxed);
 }
 
 void kyProgressNotifierBase::setExternalCancelFlag(const bool* flag)
 {
-    mCancel.setExternalFlag(flag);
+    mExternalFlag = flag != nullptr ? flag : &mSpareFlag;
 }
 
 void kyProgressNotifierBase::setExternalCancelInterface(const kyCancelInterfaceReadOnly* source)
 {
-    mCancel.setExternal(source);
+    mExternal = source;
 }
 
 void kyProgressNotifierBase::resetNotifier()
@@ -90,7 +82,7 @@ void kyProgressNotifierBase::resetNotifier()
     mGlobalProgress = -1.0f;  // differs from what comes next
     beginStepGroupWeights({1.0}, 1.0, nullptr);
     // kept: only now, so that what is called above still finds the operation cancelled.
-    mCancel.setInternalFlag(false);
+    mInternalFlag.store(false, std::memory_order_relaxed);
 }
 
 void kyProgressNotifierBase::beginStepGroupWeights(const std::vector<double>& weights,
@@ -210,14 +202,15 @@ void kyProgressNotifierBase::update()
 
 kyProgressNotifierCancelSupportOnly::kyProgressNotifierCancelSupportOnly(
     const bool* externalCancelFlag, const kyCancelInterfaceReadOnly* externalCancel)
-    : mCancel(externalCancelFlag, externalCancel)
+    : mExternalFlag(externalCancelFlag != nullptr ? externalCancelFlag : &mSpareFlag),
+      mExternal(externalCancel)
 {}
 
 kyProgressNotifierCancelSupportOnly::~kyProgressNotifierCancelSupportOnly() = default;
 
 bool kyProgressNotifierCancelSupportOnly::shouldCancel() const
 {
-    return mCancel.shouldCancel();
+    return ShouldCancel(mInternalFlag, mExternalFlag, mExternal);
 }
 
 void kyProgressNotifierCancelSupportOnly::cancel()
@@ -227,23 +220,23 @@ void kyProgressNotifierCancelSupportOnly::cancel()
 
 void kyProgressNotifierCancelSupportOnly::setInternalCancelFlag(bool flag)
 {
-    mCancel.setInternalFlag(flag);
+    mInternalFlag.store(flag, std::memory_order_relaxed);
 }
 
 void kyProgressNotifierCancelSupportOnly::setExternalCancelFlag(const bool* flag)
 {
-    mCancel.setExternalFlag(flag);
+    mExternalFlag = flag != nullptr ? flag : &mSpareFlag;
 }
 
 void kyProgressNotifierCancelSupportOnly::setExternalCancelInterface(
     const kyCancelInterfaceReadOnly* source)
 {
-    mCancel.setExternal(source);
+    mExternal = source;
 }
 
 void kyProgressNotifierCancelSupportOnly::resetNotifier()
 {
-    mCancel.setInternalFlag(false);
+    mInternalFlag.store(false, std::memory_order_relaxed);
 }
 
 }  // namespace ky
