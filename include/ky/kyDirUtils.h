@@ -38,7 +38,8 @@ struct KY_API kyFileInfoUtf8 {
 /// returned as "". Links are followed unless said otherwise.
 ///
 /// Failures are told by the result and by `errno`, as the failing call left it, and in words by
-/// `error`, which may be null and is emptied first. Any member may be called from any thread.
+/// `error`, which may be null and is emptied first, so that it must be none of the other arguments.
+/// Any member may be called from any thread.
 class KY_API kyDirUtils {
 public:
     kyDirUtils() = delete;
@@ -92,12 +93,13 @@ public:
                                 const std::string& d);
     /// Drops "." and repeated separators, but keeps two at the start, and drops ".." with the name
     /// before it: wrong where that is a link. At the root ".." is dropped, at the start of a
-    /// relative path it stays. A separator at the end stays, but none is left after "." and "..".
-    /// What folds away is ".", the empty path stays empty. Linear in the length of the path.
+    /// relative path it stays. A separator at the end stays, and a path that ends in "/." or "/.."
+    /// gets none. What folds away is ".", the empty path stays empty. Linear in the length of the
+    /// path.
     static std::string SimplifyPath(const std::string& path);
     /// `path` against `base` against the current folder. An absolute path is only simplified; of
     /// another the longest head that exists has its links resolved (realpath(3)), and the missing
-    /// rest is appended as it is. What starts with "//", or with a letter and ":/", is absolute. ""
+    /// rest is appended as it is. What starts with "//", or with any byte and ":/", is absolute. ""
     /// on failure.
     static std::string GetAbsolutePathUtf8(const std::string& path, const std::string& base = "");
     /// Without the last name: "/" of "/a" and "/", "" of "a". A separator at the end is ignored.
@@ -139,7 +141,8 @@ public:
     /// Removes a file, a link or an empty folder. The empty path is no failure.
     static bool RemoveFileUtf8(const std::string& path, std::string* error = nullptr);
     /// Removes all that is in a folder, and with `removeFolder` the folder. True when there is no
-    /// such folder. The first failure ends it; what was removed by then is gone.
+    /// such folder. The first failure ends it; what was removed by then is gone. A folder that
+    /// opens and then cannot be read is told as "opendir error " too.
     ///
     /// Nothing outside the folder is removed, whatever links are in it or are put there meanwhile:
     /// only `path` itself may be a link. Any depth and any names, with at most 34 descriptors.

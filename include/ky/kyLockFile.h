@@ -34,9 +34,9 @@ public:
     /// whether the file was there; a file that is made is locked exclusively, also for `Shared`.
     /// Links are followed, and the folder must exist.
     ///
-    /// `error`, which may be null, is emptied, and on failure told why: "Fail to acquire lock on
-    /// existing file, " with EWOULDBLOCK when somebody has it, "Fail to set lock on created file, "
-    /// when somebody was faster, "Fail to open lock file in w+, ".
+    /// `error`, which may be null and must not be `path`, is emptied, and on failure told why:
+    /// "Fail to acquire lock on existing file, " with EWOULDBLOCK when somebody has it, "Fail to
+    /// set lock on created file, " when somebody was faster, "Fail to open lock file in w+, ".
     ///
     /// An object that holds a lock leaves it for the new one without removing the file, and keeps
     /// it when that fails; it excludes itself from the same file.
@@ -45,6 +45,7 @@ public:
 
     /// Releases the lock, in any case, and with `removeFile` removes the file while it is still
     /// locked, though others may hold it shared. Another file that took its place is left alone.
+    /// Where the path is a link, the link is removed and the locked file stays.
     /// `error` is told what failed, "File is not locked" when there is nothing to release.
     bool releaseLock(bool removeFile, std::string* error = nullptr);
 

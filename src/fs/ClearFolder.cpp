@@ -247,6 +247,8 @@ bool FolderClearing::removeLeft(std::size_t parentPathSize)
     return true;
 }
 
+/// A yes counts for good: if the source could take it back, a folder with entries left in it would
+/// pass for cleared.
 bool FolderClearing::askCancel()
 {
     if (mCancel != nullptr && mCancel->shouldCancel())
