@@ -115,7 +115,7 @@ std::string FolderWalk::path(const std::string& name) const
     const auto append = [&](const std::string& component) {
         if (component.empty())
             return;
-        if (text.back() != '/')
+        if (!text.empty() && text.back() != '/')
             text += '/';
         text += component;
     };

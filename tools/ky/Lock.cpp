@@ -1,8 +1,8 @@
 #include "Commands.h"
+#include "LocalText.h"
 #include "StandardStreams.h"
 
 #include "ky/kyLockFile.h"
-#include "ky/kyStringUtils.h"
 #include "ky/kySystem.h"
 
 #include <iostream>
@@ -32,7 +32,8 @@ public:
         for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGCHLD})
             ::sigaddset(&mHeld, signal);
         ::sigprocmask(SIG_BLOCK, &mHeld, &mBefore);
-        // Where it is ignored, the kernel throws exit codes away (waitpid(2)).
+        // Where it is ignored, the kernel throws exit codes away (waitpid(2)). The command inherits
+        // the default; what it starts would lose its exit codes otherwise.
         struct sigaction action = {};
         action.sa_handler = SIG_DFL;
         ::sigaction(SIGCHLD, &action, &mChildBefore);
@@ -47,18 +48,19 @@ public:
 
     const sigset_t& before() const { return mBefore; }
 
-    /// Waits for the end of `child` and passes on what this process is told meanwhile.
-    int waitFor(pid_t child) const
+    /// Waits for the end of `child` and passes on what this process is told meanwhile. False, with
+    /// `errno`, when its outcome is lost.
+    bool waitFor(pid_t child, int& status) const
     {
-        int status = 0;
-        while (::waitpid(child, &status, WNOHANG) != child) {
+        pid_t ended = 0;
+        while ((ended = ::waitpid(child, &status, WNOHANG)) == 0) {
             siginfo_t info = {};
             const int signal = ::sigwaitinfo(&mHeld, &info);
             // What a terminal sends goes to the command anyway.
             if (signal != -1 && signal != SIGCHLD && info.si_code != SI_KERNEL)
                 ::kill(child, signal);
         }
-        return status;
+        return ended == child;
     }
 
 private:
@@ -91,7 +93,11 @@ int RunCommand(const std::vector<std::string>& command, const HeldSignals& signa
         PrintError("Cannot start " + command.front(), error);
         return error == ENOENT ? sNotFound : sNotStarted;
     }
-    const int status = signals.waitFor(child);
+    int status = 0;
+    if (!signals.waitFor(child, status)) {
+        PrintError("Cannot learn how " + command.front() + " ended", errno);
+        return sFailure;
+    }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -100,9 +106,7 @@ int RunLocked(const std::string& file, const std::vector<std::string>& command)
     const HeldSignals signals;
     kyLockFile lock;
     std::string error;
-    const std::string pathUtf8 = kyStringUtils::convertCharset(
-        file, kyStringUtils::CharSetLocal8Bit, kyStringUtils::CharSetUtf8);
-    if (!lock.takeLockUtf8(pathUtf8, nullptr, kyLockFile::Exclusive, &error)) {
+    if (!lock.takeLockUtf8(ToUtf8(file), nullptr, kyLockFile::Exclusive, &error)) {
         std::cerr << "ky: Cannot lock " + file + ". " + error + "\n";
         return sFailure;
     }
@@ -120,9 +124,12 @@ void AddLock(CLI::App& app, const std::vector<std::string>& command, int& exitCo
         "lock",
         "Run a command while holding a lock file, or fail at once while another process holds it.\n"
         "The exit code is that of the command, 128 more than the signal that killed it, 127 when "
-        "there is no such command, 126 when it cannot be started, and 1 without the lock.");
+        "there is no such command, 126 when it cannot be started, and 1 without the lock. The "
+        "command finds SIGCHLD at its default, however ky was started.");
     const auto file = std::make_shared<std::string>();
-    lock->add_option("FILE", *file, "Made when missing, removed when the command has ended")
+    lock->add_option("FILE", *file,
+                     "Made when missing, removed when the command has ended; its name must be one "
+                     "that the local character set can express")
         ->required();
     lock->footer("The command and its arguments stand behind \"--\": ky lock FILE -- COMMAND...");
     lock->callback([file, command, &exitCode] {

@@ -1,11 +1,11 @@
 #include "Commands.h"
 #include "FolderWalk.h"
+#include "LocalText.h"
 #include "Progress.h"
 #include "StandardStreams.h"
 #include "TreeCopy.h"
 
 #include "ky/kyDirUtils.h"
-#include "ky/kyStringUtils.h"
 #include "ky/kySystem.h"
 
 #include "fs/SameFile.h"
@@ -122,6 +122,14 @@ int ClearFolder(const Options& options)
         PrintError("Not cleared, because it is the root of all files: " + options.source, EPERM);
         return sFailure;
     }
+    // By way of the descriptor: a name that the local character set lacks works too, and what was
+    // counted is what is cleared.
+    const std::string path = "/proc/self/fd/" + std::to_string(folder.get());
+    // Clearing a folder that is not there is a success.
+    if (!impl::IsAtPath(folder.get(), path, 0)) {
+        PrintError("Not cleared, because /proc is not mounted: " + options.source, ENOENT);
+        return sFailure;
+    }
     const auto progress = MakeProgress(options.quiet);
     // Of each folder "." and ".." are asked about as well, and its end.
     constexpr double folderEnd = 3;
@@ -130,9 +138,6 @@ int ClearFolder(const Options& options)
     estimate.walk(Duplicate(folder));
     progress->beginStepGroupWeights({1.0}, estimate.total() + folderEnd);
 
-    // By way of the descriptor: a name that the local character set lacks works too, and what was
-    // counted is what is cleared.
-    const std::string path = "/proc/self/fd/" + std::to_string(folder.get());
     const CountedCancel cancel(*progress);
     std::string error;
     const bool good = kyDirUtils::ClearFolderUtf8(path, false, &error, &cancel);
@@ -158,8 +163,7 @@ impl::ScopedFd MakeDestination(const Options& options, const impl::ScopedFd& sou
         return refuse();
     struct ::stat status = {};
     if (::stat(options.destination.c_str(), &status) != 0 && errno == ENOENT &&
-        !kyDirUtils::MkpathUtf8(kyStringUtils::convertCharset(
-            options.destination, kyStringUtils::CharSetLocal8Bit, kyStringUtils::CharSetUtf8))) {
+        !kyDirUtils::MkpathUtf8(ToUtf8(options.destination))) {
         PrintError("Cannot make " + options.destination, errno);
         return impl::ScopedFd();
     }
@@ -220,11 +224,10 @@ void AddCopy(CLI::App& tree, const std::shared_ptr<Options>& options, int& exitC
         "Copy what is in the folder SOURCE into the folder DESTINATION, which is made when it is "
         "missing and must not be inside SOURCE.\n"
         "Links are copied as links. Permissions are kept, owners, times and hard links are not. "
-        "What cannot "
-        "be copied, as what is no file, folder or link, or what exists already, is reported and "
-        "left out. Each file appears under its name once it is whole, an interrupt leaves none "
-        "behind that is not. Names may be any bytes; only a DESTINATION that has to be made needs "
-        "one that the local character set can express.");
+        "What cannot be copied, as what is no file, folder or link, or what exists already, is "
+        "reported and left out. Each file appears under its name once it is whole, an interrupt "
+        "leaves none behind that is not. Names may be any bytes; only a DESTINATION that has to be "
+        "made needs one that the local character set can express.");
     command->add_option("SOURCE", options->source)->required();
     command->add_option("DESTINATION", options->destination)->required();
     command->add_flag("-o,--overwrite", options->overwrite, "Replace files and links that exist");
