@@ -5,8 +5,6 @@
 #include "support/Library.h"
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -19,6 +17,7 @@
 
 namespace fs = std::filesystem;
 using ky::kyIoDeviceFileStream;
+using ky::test::Content;
 
 namespace {
 
@@ -34,12 +33,6 @@ struct FileStream : ky::test::LightLibrary {
     const ky::test::TemporaryFolder folder;
     const std::string path = folder.path("file");
 };
-
-std::string Content(const std::string& path)
-{
-    std::ifstream file(path, std::ios_base::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::string Read(ky::kyIoDevice& device, unsigned long n)
 {

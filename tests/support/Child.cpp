@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <sstream>
 
 #include <fcntl.h>
@@ -75,6 +76,12 @@ ChildResult RunInChild(const std::function<void()>& body)
     return RunRedirected({}, body);
 }
 
+void ExpectChildPasses(const std::function<void()>& body)
+{
+    const ChildResult result = RunInChild(body);
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+}
+
 ChildResult RunCommand(const std::vector<std::string>& arguments, std::string_view input,
                        const std::function<void()>& prepare)
 {
@@ -108,6 +115,12 @@ std::string TemporaryFolder::write(const std::string& name, std::string_view con
     std::string file = path(name);
     std::ofstream(file, std::ios::binary) << content;
     return file;
+}
+
+std::string Content(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 std::vector<std::string> Lines(const std::string& text)

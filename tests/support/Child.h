@@ -20,6 +20,9 @@ struct ChildResult {
 /// _exit(2).
 ChildResult RunInChild(const std::function<void()>& body);
 
+/// Runs `body` in a child too; what it has printed is told with a failure.
+void ExpectChildPasses(const std::function<void()>& body);
+
 /// Runs a program with `input` on its standard input. `prepare` runs in the child before the
 /// program starts and may rearrange its descriptors and environment.
 ChildResult RunCommand(
@@ -41,6 +44,9 @@ public:
 private:
     std::string mPath;
 };
+
+/// All bytes of a file, none when it cannot be read.
+std::string Content(const std::string& path);
 
 /// The lines of a text, without their newlines.
 std::vector<std::string> Lines(const std::string& text);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ky/SystemError.h"
 #include "ky/kyLog.h"
 #include "ky/kySystem.h"
 
@@ -29,6 +30,12 @@ struct FullLibrary : ::testing::Test {
     }
     ~FullLibrary() override { terminateKySystem(); }
 };
+
+/// The description that messages give of an `errno` value.
+inline std::string ErrorText(int errorNumber)
+{
+    return SystemError(errorNumber).toString();
+}
 
 /// Catches what is written to a standard stream object while it lives.
 class CaughtStream {

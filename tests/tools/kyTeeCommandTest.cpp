@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -11,18 +9,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+using ky::test::Content;
 using ky::test::Lines;
 using ky::test::RunCommand;
 
-namespace {
-
-std::string Content(const std::string& path)
-{
-    std::ifstream file(path, std::ios_base::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-}  // namespace
+namespace {}  // namespace
 
 TEST(TeeCommand, GivesEveryByteToEveryOutput)
 {
