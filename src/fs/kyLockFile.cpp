@@ -10,7 +10,9 @@
 #include "fs/ScopedHandles.h"
 #include "text/LocalPath.h"
 
+#include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <cerrno>
 
 namespace ky {
@@ -25,6 +27,26 @@ std::string OwnerLine()
 bool Lock(std::FILE* stream, int operation)
 {
     return impl::RetryOnEintr([&] { return ::flock(::fileno(stream), operation); }) == 0;
+}
+
+/// Locks the file against others who remove it, or unlocks it; a lock beside that of flock(2),
+/// which several may share (fcntl(2), open file description locks). False when one of them has it.
+bool LockRemoval(std::FILE* stream, short type)
+{
+    struct flock whole = {};
+    whole.l_type = type;
+    whole.l_whence = SEEK_SET;
+    return ::fcntl(::fileno(stream), F_OFD_SETLK, &whole) == 0 ||
+           (errno != EAGAIN && errno != EACCES);
+}
+
+/// As removing does what is not there, but without trying to: somebody may make it meanwhile.
+bool FailToRemove(std::string* error, const std::string& path, int errorNumber)
+{
+    if (error != nullptr)
+        *error = "remove error " + SystemError(errorNumber).toString() + " for '" + path + "'";
+    errno = errorNumber;
+    return false;
 }
 
 void Add(std::string* error, const std::string& text)
@@ -118,14 +140,26 @@ bool kyLockFile::releaseLock(bool removeFile, std::string* error)
     return isReleased && isRemoved;
 }
 
-/// True as well when another file stands at the path.
+/// True as well when another file stands at the path, or somebody who shares the lock is about to
+/// remove this one.
 bool kyLockFile::removeOwnFile(std::string* error) const
 {
+    // Between the look at the path and the removal nobody else may remove the file: the next one
+    // would make and lock a new one, and that would be removed under its owner.
+    if (!LockRemoval(mStream.get(), F_WRLCK))
+        return true;
     const std::string localPath = impl::ToLocalPath(mPathUtf8);
-    const bool isOthers = kyDirUtils::FileExistsUtf8(mPathUtf8) &&
-                          !impl::IsAtPath(::fileno(mStream.get()), localPath, 0);
+    struct stat present;
+    bool isDone = true;
     // kept: removed under a shared lock too, though others may hold it.
-    return isOthers || kyDirUtils::RemoveFileUtf8(mPathUtf8, error);
+    if (impl::IsAtPath(::fileno(mStream.get()), localPath, 0))
+        isDone = kyDirUtils::RemoveFileUtf8(mPathUtf8, error);
+    else if (::lstat(localPath.c_str(), &present) != 0)
+        isDone = FailToRemove(error, mPathUtf8, errno);
+    const int removeErrno = errno;
+    LockRemoval(mStream.get(), F_UNLCK);
+    errno = removeErrno;
+    return isDone;
 }
 
 bool kyLockFile::UnitTestUtf8(const std::string& folder)

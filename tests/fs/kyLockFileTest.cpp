@@ -91,6 +91,11 @@ TEST_F(LockFile, LeavesAnotherFileAtItsPathAlone)
     ASSERT_TRUE(other.takeLockUtf8(path)) << "the lock on a removed file keeps nobody out";
     EXPECT_TRUE(lock.releaseLock(true, &error)) << error;
     EXPECT_TRUE(fs::exists(path));
+    ASSERT_TRUE(lock.takeLockUtf8(folder.path("own")));
+    fs::remove(folder.path("own"));
+    fs::create_symlink("nowhere", folder.path("own"));
+    EXPECT_TRUE(lock.releaseLock(true, &error)) << error;
+    EXPECT_TRUE(fs::is_symlink(folder.path("own")));
     // Changing over leaves the file where it is.
     EXPECT_TRUE(other.takeLockUtf8(folder.path("other")));
     EXPECT_TRUE(lock.takeLockUtf8(path, &fileExisted));
@@ -118,10 +123,18 @@ TEST_F(LockFile, EndsWithItsOwnerAndNotWithAProgramOfIts)
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         kyLockFile owned;
         pid_t program = 0;
-        char* const arguments[] = {const_cast<char*>("sleep"), const_cast<char*>("60"), nullptr};
-        // Returns when the program runs.
-        if (owned.takeLockUtf8(path))
-            ::posix_spawnp(&program, "sleep", nullptr, nullptr, arguments, environ);
+        int running[2];
+        char byte = 0;
+        // Its own word that it runs: starting it returns before the kernel has closed its files.
+        std::string script = "exec sleep 60";
+        if (owned.takeLockUtf8(path) && ::pipe(running) == 0) {
+            script.insert(0, "echo >&" + std::to_string(running[1]) + "; ");
+            char* const arguments[] = {const_cast<char*>("sh"), const_cast<char*>("-c"),
+                                       script.data(), nullptr};
+            ::posix_spawnp(&program, "sh", nullptr, nullptr, arguments, environ);
+            ::close(running[1]);
+            static_cast<void>(::read(running[0], &byte, 1));
+        }
         static_cast<void>(::write(started[1], &program, sizeof program));
         ::pause();
     }
@@ -163,7 +176,7 @@ TEST_F(LockFile, RemovesNothingWhenItsPathCannotBeConvertedAnyMore)
     });
 }
 
-TEST_F(LockFile, NeverHasTwoOwnersThoughEachRemovesTheFile)
+TEST_F(LockFile, NeverHasTwoOwnersThoughOthersRemoveTheFile)
 {
     constexpr int processes = 8;
     struct Arena {
@@ -171,20 +184,25 @@ TEST_F(LockFile, NeverHasTwoOwnersThoughEachRemovesTheFile)
     };
     auto& arena = *static_cast<Arena*>(
         ::mmap(nullptr, sizeof(Arena), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    // Exclusive owners, that is. Others may share the lock, and then leave the file or remove it.
     const auto contend = [&](int number) {
-        while (arena.takes < 3000) {
-            if (!lock.takeLockUtf8(path, nullptr, kyLockFile::Exclusive, &error)) {
+        for (int turn = number; arena.takes < 6000; ++turn) {
+            const bool wantsShared = turn % 3 != 0;
+            if (!lock.takeLockUtf8(path, &fileExisted,
+                                   wantsShared ? kyLockFile::Shared : kyLockFile::Exclusive,
+                                   &error)) {
                 // Taken, or made and taken, by somebody else.
                 arena.violations += error != held && error != "Fail to set lock on created file, " +
                                                                   ErrorText(EWOULDBLOCK);
                 std::this_thread::yield();
                 continue;
             }
-            arena.violations += arena.owner.exchange(number) != 0;
             ++arena.takes;
+            const bool isExclusive = !wantsShared || !fileExisted;
+            arena.violations += isExclusive && arena.owner.exchange(number) != 0;
             std::this_thread::yield();
-            arena.violations += arena.owner.exchange(0) != number;
-            arena.violations += !lock.releaseLock(true);
+            arena.violations += isExclusive && arena.owner.exchange(0) != number;
+            arena.violations += !lock.releaseLock(turn % 4 != 0) && isExclusive;
         }
     };
     std::vector<pid_t> children;
