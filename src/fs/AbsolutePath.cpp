@@ -3,6 +3,7 @@
 #include "text/LocalPath.h"
 
 #include <algorithm>
+#include <vector>
 
 #include <cerrno>
 #include <climits>
@@ -39,20 +40,25 @@ bool Resolve(const std::string& head, std::string& resolved)
 /// current folder does.
 std::string ResolveWhatExists(std::string path)
 {
-    std::string head = path;
     std::string resolved;
-    while (!Resolve(head, resolved)) {
-        const auto slash = head.rfind('/');
-        if (slash != head.npos) {
-            head.resize(slash);
-            continue;
-        }
-        if (path.front() == '.' && head == ".")
+    std::size_t size = path.size();
+    if (!Resolve(path, resolved)) {
+        std::vector<std::size_t> slashes;
+        for (std::size_t i = 0; i < path.size(); ++i)
+            if (path[i] == '/')
+                slashes.push_back(i);
+        // Whatever is before an existing head exists as well. To try them all, one by one, would
+        // take the square of the length.
+        const auto missing = std::partition_point(
+            slashes.begin(), slashes.end(),
+            [&](std::size_t slash) { return Resolve(path.substr(0, slash), resolved); });
+        if (missing == slashes.begin())
+            path.insert(0, "./");
+        size = missing == slashes.begin() ? 1 : *(missing - 1);
+        if (!Resolve(path.substr(0, size), resolved))
             return {};
-        path.insert(0, "./");
-        head = ".";
     }
-    resolved.append(path, head.size());
+    resolved.append(path, size);
     return resolved.empty() ? "/" : resolved;
 }
 
