@@ -80,10 +80,12 @@ TEST(LockCommand, PassesSignalsOnAndOutlivesItsCommand)
 {
     const TemporaryFolder folder;
     // The parent is ky; the count keeps a signal that goes astray from lasting for ever.
-    const auto result = RunLocked(folder,
-                                  "trap '[ -e file ] && echo held; exit 5' TERM; kill -TERM $PPID; "
-                                  "i=0; while [ $i -lt 3000000 ]; do i=$((i + 1)); done");
-    EXPECT_EQ(result.exitCode, 5);
-    EXPECT_EQ(result.out, "held\n");
-    EXPECT_FALSE(std::filesystem::exists(folder.path("file")));
+    for (const std::string signal : {"TERM", "USR1"}) {
+        const auto result = RunLocked(
+            folder, "trap '[ -e file ] && echo held; exit 5' " + signal + "; kill -" + signal +
+                        " $PPID; i=0; while [ $i -lt 3000000 ]; do i=$((i + 1)); done");
+        EXPECT_EQ(result.exitCode, 5) << signal;
+        EXPECT_EQ(result.out, "held\n") << signal;
+        EXPECT_FALSE(std::filesystem::exists(folder.path("file"))) << signal;
+    }
 }

@@ -13,6 +13,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <cerrno>
 
 namespace ky::tool {
@@ -28,9 +29,11 @@ class HeldSignals {
 public:
     HeldSignals()
     {
-        ::sigemptyset(&mHeld);
-        for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGCHLD})
-            ::sigaddset(&mHeld, signal);
+        ::sigfillset(&mHeld);
+        // Faults of our own, and what stops us along with the command, or ends nobody.
+        for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS, SIGTSTP,
+                                 SIGTTIN, SIGTTOU, SIGCONT, SIGURG, SIGWINCH})
+            ::sigdelset(&mHeld, signal);
         ::sigprocmask(SIG_BLOCK, &mHeld, &mBefore);
         // Where it is ignored, the kernel throws exit codes away (waitpid(2)). The command inherits
         // the default; what it starts would lose its exit codes otherwise.
@@ -56,8 +59,10 @@ public:
         while ((ended = ::waitpid(child, &status, WNOHANG)) == 0) {
             siginfo_t info = {};
             const int signal = ::sigwaitinfo(&mHeld, &info);
-            // What a terminal sends goes to the command anyway.
-            if (signal != -1 && signal != SIGCHLD && info.si_code != SI_KERNEL)
+            // What a terminal sends goes to the command anyway, and what we bring on ourselves
+            // (SIGPIPE) is none of its business.
+            if (signal != -1 && signal != SIGCHLD && info.si_code != SI_KERNEL &&
+                info.si_pid != ::getpid())
                 ::kill(child, signal);
         }
         return ended == child;
@@ -125,7 +130,8 @@ void AddLock(CLI::App& app, const std::vector<std::string>& command, int& exitCo
         "Run a command while holding a lock file, or fail at once while another process holds it.\n"
         "The exit code is that of the command, 128 more than the signal that killed it, 127 when "
         "there is no such command, 126 when it cannot be started, and 1 without the lock. The "
-        "command finds SIGCHLD at its default, however ky was started.");
+        "command finds SIGCHLD at its default, however ky was started, and gets the signals that "
+        "ky is sent: twice when the sender means a whole group of processes.");
     const auto file = std::make_shared<std::string>();
     lock->add_option("FILE", *file,
                      "Made when missing, removed when the command has ended; its name must be one "
