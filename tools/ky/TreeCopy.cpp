@@ -75,7 +75,9 @@ TreeCopy::TreeCopy(std::string sourceName, impl::ScopedFd destination, bool over
       mTemporaryName(".ky-copy-" + kyRandomUtils::CreateRandHexString(8)),
       mBuffer(sPieceBytes),
       mDestination(std::move(destination))
-{}
+{
+    ::fstat(mDestination.get(), &mRoot);
+}
 
 void TreeCopy::onEntry(int folder, const std::string& name, const struct ::stat& status)
 {
@@ -188,6 +190,11 @@ int TreeCopy::publish(const std::string& name)
 
 bool TreeCopy::onFolder(const std::string& name, const struct ::stat& status)
 {
+    // Mounted inside the source once more, it would be copied into itself without end.
+    if (status.st_dev == mRoot.st_dev && status.st_ino == mRoot.st_ino) {
+        onError(path(name), EINVAL);
+        return false;
+    }
     bool isNew = false;
     struct ::stat around = {};
     ::fstat(mDestination.get(), &around);

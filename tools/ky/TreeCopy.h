@@ -51,6 +51,7 @@ private:
     const std::string mTemporaryName;
     std::vector<char> mBuffer;
     impl::ScopedFd mDestination;
+    struct ::stat mRoot = {};  // of the destination
     std::vector<Level> mLevels;
     double mDone = 0;
     bool mHasFailed = false;
