@@ -17,7 +17,8 @@ struct kyMutexSystem::Record {
 kyMutexSystem::kyMutexSystem(const char* name) : mRecord(std::make_unique<Record>())
 {
     std::string shownName = name != nullptr ? name : "";
-    const int error = name != nullptr ? mRecord->lock.open(shownName) : mRecord->lock.openUnnamed(shownName);
+    const int error =
+        name != nullptr ? mRecord->lock.open(shownName) : mRecord->lock.openUnnamed(shownName);
     if (error != 0)
         impl::Report(impl::ReportLevel::Critical, "kySystem",
                      "Fail to create lock for file '" + shownName + "' error " +
