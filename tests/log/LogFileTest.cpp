@@ -479,8 +479,9 @@ TEST_F(LogFileAtWork, LosesNothingBetweenTwoFiles)
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 3; ++thread)
         threads.emplace_back([&] {
-            while (!stop)
-                Log(std::to_string(++count));
+            // With a wait now and then, or each installation has a full queue to write first.
+            for (int own = 1; !stop; ++own)
+                kyLogObject(kyLog::Info).setFlushNow(own % 20 == 0) << ++count;
         });
     for (int i = 1; i <= 30; ++i) {
         for (const int before = count; count < before + 100;)
