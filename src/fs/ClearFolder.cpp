@@ -146,6 +146,7 @@ FolderClearing::Outcome FolderClearing::clearTop()
     while (true) {
         Level& level = mLevels.back();
         errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): it is, for a stream of one's own (readdir(3))
         const dirent* const entry = ::readdir(level.folder.get());
         if (entry != nullptr) {
             const Outcome outcome = passEntry(*entry);

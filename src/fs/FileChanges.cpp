@@ -30,12 +30,12 @@ void CopyBytes(std::FILE* source, std::FILE* destination)
 {
     // A buffer in between would cut each block in two writes.
     for (std::FILE* stream : {source, destination})
-        std::setvbuf(stream, nullptr, _IONBF, 0);
+        static_cast<void>(std::setvbuf(stream, nullptr, _IONBF, 0));
     alignas(64) char block[sCopyBlockBytes];
     std::size_t size = 0;
     // kept: neither an error of reading nor a short write ends or fails the copy.
     while ((size = std::fread(block, 1, sizeof block, source)) > 0)
-        std::fwrite(block, 1, size, destination);
+        static_cast<void>(std::fwrite(block, 1, size, destination));
 }
 
 /// What has no length, such as a pipe, cannot be emptied and need not be. An empty file is left

@@ -17,6 +17,7 @@ constexpr std::size_t sMaxLinkBytes = 4096;
 
 std::string LocalHome()
 {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): as long as nobody sets the environment meanwhile
     const char* const home = std::getenv("HOME");
     return home != nullptr ? home : ".";
 }
@@ -58,6 +59,7 @@ bool kyDirUtils::GetProcessFolderUtf8(std::string& folder)
 
 std::string kyDirUtils::GetTempFolderUtf8()
 {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): as long as nobody sets the environment meanwhile
     const char* const folder = std::getenv("TMPDIR");
     return folder != nullptr ? impl::ToUtf8Path(folder) : "/tmp";
 }

@@ -107,8 +107,8 @@ bool kyLockFile::takeLockUtf8(const std::string& path, bool* fileExisted, LockTy
             return false;
     } while (!impl::IsAtPath(::fileno(stream.get()), localPath, 0));
     // kept: over the start of the file, so that the end of a longer line stays.
-    std::fwrite(ownerLine.data(), 1, ownerLine.size(), stream.get());
-    std::fflush(stream.get());
+    static_cast<void>(std::fwrite(ownerLine.data(), 1, ownerLine.size(), stream.get()));
+    static_cast<void>(std::fflush(stream.get()));
     if (fileExisted != nullptr)
         *fileExisted = isExisting;
     mPathUtf8 = path;

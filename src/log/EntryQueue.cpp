@@ -1,8 +1,8 @@
 #include "log/EntryQueue.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -121,10 +121,8 @@ void EntryQueue::add(kyLog::LogEntry& entry, EntryChunks& chunks)
         *moved = std::move(entry);
         static_cast<void>(moved.release());
     } else {
-        for (const std::string* const text : texts) {
-            std::memcpy(to, text->data(), text->size());
-            to += text->size();
-        }
+        for (const std::string* const text : texts)
+            to = std::copy(text->begin(), text->end(), to);
     }
     // Now it is there.
     std::atomic_signal_fence(std::memory_order_release);

@@ -3,12 +3,12 @@
 #include "ky/SystemError.h"
 
 #include "frame/TimeText.h"
+#include "fs/ScopedHandles.h"
 #include "log/LogFileState.h"
 #include "text/LocalPath.h"
 
 #include <algorithm>
 #include <limits>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -78,17 +78,14 @@ bool IsPutAside(const Name& name, std::string_view file)
            IsMark(file.substr(name.stem.size(), file.size() - around));
 }
 
-struct FolderCloser {
-    void operator()(DIR* folder) const { ::closedir(folder); }
-};
-
 using TimedName = std::pair<std::pair<long, long>, std::string>;
 
 std::vector<TimedName> FilesPutAside(const Name& name)
 {
     std::vector<TimedName> files;
-    const std::unique_ptr<DIR, FolderCloser> folder(::opendir(name.folder.c_str()));
+    const impl::ScopedDir folder(::opendir(name.folder.c_str()));
     const dirent* entry = nullptr;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): it is, for a stream of one's own (readdir(3))
     while (folder && (entry = ::readdir(folder.get())) != nullptr) {
         struct stat info;
         if (IsPutAside(name, entry->d_name) &&
