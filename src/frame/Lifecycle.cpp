@@ -7,6 +7,7 @@
 #include "ky/kyWaitCondition.h"
 
 #include "frame/State.h"
+#include "text/MimeTable.h"
 
 namespace ky {
 namespace {
@@ -25,6 +26,7 @@ void StartLight()
     kyMathUtils::InitializeLaneMasks();
     kySystemUtils::InitializeSystemUtils();
     kyStringUtils::InitializeStringUtils();
+    impl::BuildMimeTable();
 }
 
 void StartFull(bool lookupMainHddDevice)
