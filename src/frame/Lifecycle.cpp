@@ -6,6 +6,7 @@
 #include "ky/kySystemUtils.h"
 #include "ky/kyWaitCondition.h"
 
+#include "frame/ResourceRegistry.h"
 #include "frame/State.h"
 #include "text/MimeTable.h"
 
@@ -26,6 +27,7 @@ void StartLight()
     kyMathUtils::InitializeLaneMasks();
     kySystemUtils::InitializeSystemUtils();
     kyStringUtils::InitializeStringUtils();
+    impl::CreateResourceRegistry();
     impl::BuildMimeTable();
 }
 
@@ -35,6 +37,7 @@ void StartFull(bool lookupMainHddDevice)
     // taken for one that went on.
     impl::State::SetLevel(static_cast<int>(InitType::Full));
     impl::State::SetFullInitProcessId(kySystemUtils::GetCurrentProcessID());
+    impl::LockResourceRegistry();
     if (kyLog* const log = kyLog::Instance())
         log->makeThreadSafe();
     kyWaitCondition::FindBestImplementation();
@@ -77,6 +80,7 @@ void terminateKySystem()
     sFullCounter.clearInitCounter();
     if (impl::State::Level() == static_cast<int>(InitType::Full))
         exception::impl::ReleaseSigWatcher();
+    impl::DestroyResourceRegistry();
     // The last lines of the log need the string utilities for their time.
     if (kyLog* const log = kyLog::Instance())
         log->flush();
