@@ -342,3 +342,15 @@ TEST(ResourceLifetime, BeginsBeforeInitialisationAndEndsWithTermination)
     for (const std::size_t i : {0u, 3u, 5u, 8u, 9u, 12u})
         EXPECT_NE(lines[i].find(" : Resource is missing early"), std::string::npos) << lines[i];
 }
+
+TEST(ResourceLifetime, OfAProgramWithResourcesCoversItsStaticObjects)
+{
+    const auto result = ky::test::RunCommand({KY_EXAMPLE_RESOURCES});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.err, "");
+    const std::vector<std::string> lines = Lines(result.out);
+    // Nothing is said of what is unregistered after the library has ended.
+    ASSERT_EQ(lines.size(), 3u) << result.out;
+    EXPECT_NE(lines[0].find("  page.html: "), std::string::npos) << lines[0];
+    EXPECT_NE(lines[2].find(" : Resource is missing missing"), std::string::npos) << lines[2];
+}
