@@ -96,13 +96,15 @@ protected:
     /// Whether fork(2) brought the object, as it was last started, into this process.
     bool isInherited() const;
 
+    /// Whether the caller runs on this thread.
+    bool isOwnThread() const;
+
 private:
     struct Cell;
     struct Start;
     class Call;
 
     void launch(const char* systemName, const char* label, bool isLibraryThread);
-    bool isOwnThread() const;
     bool joinIfEnded();
     void join();
     void forgetInheritedThread();

@@ -1,0 +1,113 @@
+#include "ky/kyWorkThread.h"
+
+#include "frame/ProcessId.h"
+
+#include <climits>
+
+namespace ky {
+namespace {
+constexpr unsigned long sNoTimeLimit = ~0UL;
+}  // namespace
+
+kyJob::~kyJob() = default;
+
+void kyJob::onDelete() {}
+
+kyWorkThread::kyWorkThread() : mProcessId(impl::CachedProcessId()) {}
+
+kyWorkThread::~kyWorkThread()
+{
+    // Before the mutexes go; the base class would join after that.
+    kyWorkThread::stop();
+}
+
+/// Unlike `isInherited` it stays true when a child starts the thread: the mutexes are the parent's
+/// and may be held for ever.
+bool kyWorkThread::isFromParent() const
+{
+    return mProcessId != impl::CachedProcessId();
+}
+
+void kyWorkThread::beginWake()
+{
+    if (!isFromParent())
+        mQueueMutex.lock();
+}
+
+void kyWorkThread::addJob(kyJob* job)
+{
+    mQueue.push_back(job);
+}
+
+void kyWorkThread::endWake()
+{
+    if (isFromParent())
+        return;
+    mProcessing.lock();
+    mProcessing.unlock();
+    mIsIdle = false;
+    mQueueMutex.unlock();
+    mWake.wakeAll();
+}
+
+void kyWorkThread::clearJobs()
+{
+    while (!mQueue.empty()) {
+        // Out first: the job may be gone after the call.
+        kyJob* const job = mQueue.front();
+        mQueue.pop_front();
+        job->onDelete();
+    }
+}
+
+bool kyWorkThread::stop()
+{
+    if (isFromParent())
+        return false;
+    // The worker looks at the flag before it waits. To take the queue's mutex here could last for
+    // ever: its holder may be in endWake and wait for this job.
+    if (isOwnThread()) {
+        mShouldStop.store(true, std::memory_order_relaxed);
+        return false;
+    }
+    {
+        const kyMutexLocker lock(mQueueMutex);
+        mShouldStop.store(true, std::memory_order_relaxed);
+        mWake.wakeAll();
+    }
+    return waitThread(INT_MAX);
+}
+
+int kyWorkThread::run()
+{
+    if (mShouldStop.load(std::memory_order_relaxed))
+        return 1;
+    kyJob* job = nullptr;
+    while (takeJob(job)) {
+        const kyMutexLocker processing(mProcessing);
+        processJob(job);
+    }
+    return 0;
+}
+
+/// False when the thread has to end.
+bool kyWorkThread::takeJob(kyJob*& job)
+{
+    // A handler may fork: then this is the child's only thread.
+    if (isFromParent())
+        return false;
+    const kyMutexLocker lock(mQueueMutex);
+    // Flag and queue are looked at before and after every wait: a stop that came while a job was
+    // processed wakes nobody, and a wake-up for nothing (pthread_cond_wait(3p)) ends no bracket.
+    while (!mShouldStop.load(std::memory_order_relaxed) && (mIsIdle || mQueue.empty())) {
+        mIsIdle = true;
+        mWake.wait(&mQueueMutex, sNoTimeLimit);
+    }
+    if (mShouldStop.load(std::memory_order_relaxed))
+        return false;
+    job = mQueue.front();
+    mQueue.pop_front();
+    return true;
+}
+
+}  // namespace ky
