@@ -144,8 +144,8 @@ private:
     std::vector<StepGroup> mGroups;  // innermost last
     const bool* mExternalFlag;       // mSpareFlag when none is given
     const kyCancelInterfaceReadOnly* mExternal;
-    float mGlobalProgress = 0.0f;
-    std::atomic<bool> mInternalFlag = false;  // written by any thread
+    std::atomic<float> mGlobalProgress = 0.0f;  // written by who reports, read by anyone
+    std::atomic<bool> mInternalFlag = false;    // written by any thread
     const bool mSpareFlag = false;
 };
 

@@ -53,6 +53,11 @@ public:
     /// read or lacks the line, or the metric is `Unavailable`.
     static long GetUsedRamQuantityInBytes(RamMetric metric);
 
+    /// How many threads can make progress at once, at least 1: the processors that the calling
+    /// thread may run on (sched_getaffinity(2)), or fewer where the quota of a control group
+    /// (cgroups(7)), rounded up, allows no more. Read anew on each call.
+    static unsigned int GetIdealThreadCount();
+
     /// Called by the lifecycle: takes the time zone from the environment (tzset(3)), so that it is
     /// in force from the first time text on.
     static void InitializeSystemUtils();

@@ -9,6 +9,7 @@
 #include "frame/ResourceRegistry.h"
 #include "frame/State.h"
 #include "text/MimeTable.h"
+#include "thread/ProcessPool.h"
 
 namespace ky {
 namespace {
@@ -43,7 +44,15 @@ void StartFull(bool lookupMainHddDevice)
     kyWaitCondition::FindBestImplementation();
     if (lookupMainHddDevice)
         getMainHDDDevice();
+    impl::CreateProcessPool(kySystemUtils::GetIdealThreadCount());
     exception::impl::RegisterSigWatcher();
+}
+
+void EndFull()
+{
+    // While the log is there: the pool's threads may have something to report as they end.
+    impl::DestroyProcessPool();
+    exception::impl::ReleaseSigWatcher();
 }
 
 }  // namespace
@@ -65,7 +74,7 @@ void initializeKySystem(InitType type, bool lookupMainHddDevice)
         // Out of memory or threads. This call has no user to terminate for; the next may succeed.
         if (isFirstFull) {
             sFullCounter.clearInitCounter();
-            exception::impl::ReleaseSigWatcher();
+            EndFull();
             impl::State::SetLevel(static_cast<int>(InitType::Light));
         }
         terminateKySystem();
@@ -79,7 +88,7 @@ void terminateKySystem()
         return;
     sFullCounter.clearInitCounter();
     if (impl::State::Level() == static_cast<int>(InitType::Full))
-        exception::impl::ReleaseSigWatcher();
+        EndFull();
     impl::DestroyResourceRegistry();
     // The last lines of the log need the string utilities for their time.
     if (kyLog* const log = kyLog::Instance())

@@ -79,7 +79,8 @@ void kyProgressNotifierBase::setExternalCancelInterface(const kyCancelInterfaceR
 void kyProgressNotifierBase::resetNotifier()
 {
     mGroups.clear();
-    mGlobalProgress = -1.0f;  // differs from what comes next
+    // Differs from what comes next.
+    mGlobalProgress.store(-1.0f, std::memory_order_relaxed);
     beginStepGroupWeights({1.0}, 1.0, nullptr);
     // kept: only now, so that what is called above still finds the operation cancelled.
     mInternalFlag.store(false, std::memory_order_relaxed);
@@ -181,7 +182,7 @@ void kyProgressNotifierBase::incrementCurrentStepProgress(double increment)
 
 float kyProgressNotifierBase::getGlobalProgress() const
 {
-    return mGlobalProgress;
+    return mGlobalProgress.load(std::memory_order_relaxed);
 }
 
 void kyProgressNotifierBase::onProgressChanged(float /*globalProgress*/) {}
@@ -194,9 +195,9 @@ void kyProgressNotifierBase::update()
     for (auto group = mGroups.rbegin(); group != mGroups.rend(); ++group)
         whole = whole * group->scales[group->currentStep] + group->offsets[group->currentStep];
     const auto rounded = static_cast<float>(whole);
-    if (rounded == mGlobalProgress)
+    if (rounded == mGlobalProgress.load(std::memory_order_relaxed))
         return;
-    mGlobalProgress = rounded;
+    mGlobalProgress.store(rounded, std::memory_order_relaxed);
     onProgressChanged(rounded);
 }
 

@@ -21,6 +21,7 @@ void PrintInfo()
               << kySystemUtils::GetParentProcessID() << "\n"
               << "memory     " << resident << " bytes resident ("
               << kyStringUtils::humanizeNumberGeneric(resident, 3, 1, true, true, false) << "B)\n"
+              << "threads    " << kySystemUtils::GetIdealThreadCount() << " at once\n"
               << "local time " << kySystemUtils::GetCurrentDateTimeISO(true) << "\n"
               << "UTC        " << kySystemUtils::GetCurrentDateTimeISO(false) << "\n"
               << "time base  " << kySystemUtils::GetTimeBaseMs() << " ms ("
@@ -36,7 +37,8 @@ void PrintInfo()
 
 void AddInfo(CLI::App& app, int& /*exitCode*/)
 {
-    app.add_subcommand("info", "Print version, process, memory and clocks")->callback(&PrintInfo);
+    app.add_subcommand("info", "Print version, process, memory, threads and clocks")
+        ->callback(&PrintInfo);
 }
 
 }  // namespace ky::tool
