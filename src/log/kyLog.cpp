@@ -6,6 +6,7 @@
 #include "frame/LogLine.h"
 #include "frame/Report.h"
 #include "frame/ThreadId.h"
+#include "log/ExitFlush.h"
 #include "log/LogParameters.h"
 #include "log/LogThread.h"
 #include "log/LogWriter.h"
@@ -35,6 +36,9 @@ constinit std::atomic<kyLogThread*> sAbandoned{nullptr};
 
 // Set by the exit hook: whoever logs after it, a static destructor say, waits for its own line.
 constinit std::atomic<bool> sExiting{false};
+
+// A log that is stuck is waited for once, however many lines static destructors write.
+constinit std::atomic<bool> sIsStuckAtExit{false};
 
 constexpr std::string_view sSubTypeSeparators = " ,;\\|/";
 
@@ -266,15 +270,18 @@ bool kyLog::writeHereFromCrash(std::list<LogEntry>& batch)
 
 void kyLog::FlushAtExit()
 {
-    // A log that is stuck is waited for once, however many lines static destructors write.
-    static constinit std::atomic<bool> sIsStuck{false};
     sExiting.store(true, std::memory_order_relaxed);
     const kyLog* const log = Instance();
     if (log == nullptr || !log->mThread || log->mThread->isInherited() ||
-        sIsStuck.load(std::memory_order_relaxed))
+        sIsStuckAtExit.load(std::memory_order_relaxed))
         return;
     if (!log->mThread->flushWhileItGoesOn(sPatienceMs))
-        sIsStuck.store(true, std::memory_order_relaxed);
+        sIsStuckAtExit.store(true, std::memory_order_relaxed);
+}
+
+void impl::SkipFlushAtExit() noexcept
+{
+    sIsStuckAtExit.store(true, std::memory_order_relaxed);
 }
 
 void kyLog::RegisterProcessHooks()
