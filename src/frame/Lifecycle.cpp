@@ -87,8 +87,8 @@ void terminateKySystem()
     if (!sLightCounter.decrementInitCounter())
         return;
     sFullCounter.clearInitCounter();
-    if (impl::State::Level() == static_cast<int>(InitType::Full))
-        EndFull();
+    // Whatever the level: after a surplus terminate, light steps can follow full ones.
+    EndFull();
     impl::DestroyResourceRegistry();
     // The last lines of the log need the string utilities for their time.
     if (kyLog* const log = kyLog::Instance())

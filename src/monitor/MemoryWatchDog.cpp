@@ -12,6 +12,7 @@
 #include <future>
 #include <iostream>  // so that sLastExit is made after the standard streams
 #include <memory>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -55,10 +56,16 @@ bool LogInTime(const std::string& line)
 {
     auto written = std::make_shared<std::promise<void>>();
     const std::future<void> isWritten = written->get_future();
-    std::thread([line, written] {
-        kyLogObject(kyLog::Critical).setFlushNow() << line;
-        written->set_value();
-    }).detach();
+    try {
+        std::thread([line, written] {
+            kyLogObject(kyLog::Critical).setFlushNow() << line;
+            written->set_value();
+        }).detach();
+    } catch (const std::system_error&) {
+        // No thread to be had: the flush at exit is bounded too.
+        kyLogObject(kyLog::Critical) << line;
+        return true;
+    }
     return isWritten.wait_for(sLogPatience) == std::future_status::ready;
 }
 
@@ -152,7 +159,7 @@ void MemoryWatchDog::endProcess(unsigned long usedBytes) const
         isLogged = LogInTime(logPrefix() + "process is using too much RAM " + Humanised(usedBytes) +
                              ", it will be killed, threshold was " + Humanised(mThresholdBytes));
     } catch (...) {
-        // Out of memory or threads: all the more reason to end.
+        // Out of memory: all the more reason to end.
     }
     if (!isLogged) {
         impl::SkipFlushAtExit();

@@ -1,3 +1,4 @@
+#include "ky/ConcurrentPool.h"
 #include "ky/kyLog.h"
 #include "ky/kyStringUtils.h"
 #include "ky/kySystem.h"
@@ -7,9 +8,12 @@
 #include "support/Child.h"
 #include "support/Library.h"
 
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +30,12 @@ bool StringsWork()
            !ky::kyStringUtils::convertCharset("a", ky::kyStringUtils::CharSetUtf8,
                                               ky::kyStringUtils::CharSetUsAscii)
                 .empty();
+}
+
+std::size_t EntriesOf(const char* folder)
+{
+    const std::filesystem::directory_iterator entries(folder);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
 /// L light, F full, T terminate, and the levels after each call.
@@ -78,6 +88,7 @@ TEST(Lifecycle, WrapsTheCountAfterASurplusTerminate)
     // kept: the full steps have a count of their own. They find no log and no string utilities.
     ky::initializeKySystem(InitType::Full, true);
     EXPECT_EQ(State::Level(), 2);
+    EXPECT_NE(ky::concurrent::GetConcurrentPool(), nullptr);
     EXPECT_TRUE(ky::IsKySystemThreadSafe());
     EXPECT_EQ(ky::kyLog::Instance(), nullptr);
     // The counts match again now.
@@ -86,11 +97,14 @@ TEST(Lifecycle, WrapsTheCountAfterASurplusTerminate)
     EXPECT_EQ(State::Level(), 1) << "the light steps set their level";
     ky::terminateKySystem();
     EXPECT_EQ(State::Level(), 0);
+    EXPECT_EQ(ky::concurrent::GetConcurrentPool(), nullptr);
 }
 
 TEST(Lifecycle, LeavesNothingBehindHoweverOftenItIsRepeated)
 {
-    for (int i = 0; i < 10000; ++i) {
+    const std::size_t threads = EntriesOf("/proc/self/task");
+    const std::size_t descriptors = EntriesOf("/proc/self/fd");
+    for (int i = 0; i < 1000; ++i) {
         ky::initializeKySystem(i % 2 == 0 ? InitType::Light : InitType::Full, false);
         ky::initializeKySystem(i % 3 == 0 ? InitType::Light : InitType::Full, false);
         ASSERT_TRUE(StringsWork());
@@ -98,6 +112,10 @@ TEST(Lifecycle, LeavesNothingBehindHoweverOftenItIsRepeated)
         ky::terminateKySystem();
         ASSERT_EQ(State::Level(), 0);
     }
+    // The kernel still shows a thread for a moment after it was joined.
+    while (EntriesOf("/proc/self/task") > threads)
+        ::sched_yield();
+    EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
 }
 
 TEST(Lifecycle, TellsAForkedChildAtEveryCheckThatItWasForked)

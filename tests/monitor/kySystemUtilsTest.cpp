@@ -2,14 +2,17 @@
 
 #include "frame/ProcessId.h"
 #include "frame/ThreadId.h"
+#include "monitor/CpuQuota.h"
 #include "support/Child.h"
 #include "support/Library.h"
 
+#include <filesystem>
 #include <limits>
 #include <regex>
 #include <string>
 #include <thread>
 
+#include <sched.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -105,4 +108,44 @@ TEST_F(SystemUtils, KnowsTheProcessAndThreadOfAForkedChild)
         EXPECT_EQ(ky::impl::CurrentThreadIdText(), std::to_string(::getpid()));
     });
     EXPECT_EQ(result.exitCode, 0) << result.err << result.out;
+}
+
+TEST(IdealThreadCount, CountsTheProcessorsThatAffinityAndQuotaLeave)
+{
+    const struct {
+        const char* file;
+        const char* content;
+        const char* groups;
+        unsigned int processors;
+    } rows[] = {
+        {"a/b/cpu.max", "max 100000\n", "0::/a/b\n", 0},
+        {"a/b/cpu.max", "150000 100000\n", "0::/a/b\n", 2},
+        {"a/b/cpu.max", "1000 100000\n", "0::/a/b\n", 1},
+        {"a/b/cpu.max", "", "0::/a/b\n", 0},
+        {"a/cpu.max", "300000 100000", "0::/a/b", 3},
+        {"cpu.max", "200000 100000\n", "0::/\n", 2},
+        {"cpu.max", "200000 100000\n", "0::/../outside\n", 2},
+        {"cpu/c/cpu.cfs_quota_us", "400000\n", "4:memory:/x\n3:cpuacct,cpu:/c\n0::/\n", 4},
+        {"cpu/c/cpu.cfs_quota_us", "-1\n", "3:cpu:/c\n", 0},
+        {"cpu.max", "200000 100000\n", "no line of groups\n:\n", 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.file) + " " + row.content + row.groups);
+        const ky::test::TemporaryFolder root;
+        for (const char* folder : {"a/b", "cpu/c"})
+            std::filesystem::create_directories(root.path(folder));
+        root.write("cpu/c/cpu.cfs_period_us", "100000\n");
+        root.write(row.file, row.content);
+        EXPECT_EQ(ky::impl::ProcessorsByQuota(root.path("."), row.groups), row.processors);
+    }
+    const auto result = ky::test::RunInChild([] {
+        EXPECT_LE(kySystemUtils::GetIdealThreadCount(), std::thread::hardware_concurrency());
+        cpu_set_t one;
+        ::sched_getaffinity(0, sizeof one, &one);
+        for (int cpu = 0; CPU_COUNT(&one) > 1; ++cpu)
+            CPU_CLR(static_cast<unsigned int>(cpu), &one);
+        ::sched_setaffinity(0, sizeof one, &one);
+        EXPECT_EQ(kySystemUtils::GetIdealThreadCount(), 1u);
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
 }
