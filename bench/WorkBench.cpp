@@ -1,0 +1,222 @@
+// Jobs for one thread and solvers for several, beside peers doing the same in the same run. Ours
+// and the peer take turns, so that `ours_by_peer` stands even where the speed of the machine does
+// not.
+
+#include "ky/ConcurrentPool.h"
+#include "ky/kySystem.h"
+#include "ky/kyWorkThread.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <future>
+#include <vector>
+
+#ifdef KY_HAVE_POCO
+#include <Poco/Notification.h>
+#include <Poco/NotificationQueue.h>
+#include <Poco/Thread.h>
+#endif
+#ifdef KY_HAVE_QT
+#include <QRunnable>
+#include <QThreadPool>
+#endif
+
+namespace {
+
+constexpr std::size_t sJobs = 1000000;
+constexpr std::size_t sJobsPerBracket = 1000;
+constexpr std::size_t sSolvers = 200;
+
+struct Library {
+    Library() { ky::initializeKySystem(ky::InitType::Full, false); }
+    ~Library() { ky::terminateKySystem(); }
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+};
+
+template <typename Work>
+double Seconds(Work work)
+{
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double Median(std::vector<double>& values)
+{
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+template <typename Ours, typename Peer>
+void Compare(benchmark::State& state, std::size_t items, Ours ours, Peer peer)
+{
+    std::vector<double> ourSeconds;
+    std::vector<double> peerSeconds;
+    for (auto _ : state) {
+        peerSeconds.push_back(Seconds(peer));
+        ourSeconds.push_back(Seconds(ours));
+        state.SetIterationTime(ourSeconds.back());
+    }
+    state.counters["ours_by_peer"] = Median(ourSeconds) / Median(peerSeconds);
+    state.SetItemsProcessed(static_cast<std::int64_t>(items) * state.iterations());
+}
+
+/// Counts jobs on the worker and tells when all have been seen.
+struct Tally {
+    explicit Tally(std::size_t all) : left(all) {}
+    void count()
+    {
+        if (--left == 0)
+            done.set_value();
+    }
+    std::size_t left;
+    std::promise<void> done;
+};
+
+struct CountingJob : ky::kyJob {
+    explicit CountingJob(Tally& tally) : mTally(tally) {}
+    Tally& mTally;
+};
+
+struct Worker : ky::kyWorkThread {
+    ~Worker() override { stop(); }
+    void processJob(ky::kyJob* job) override
+    {
+        static_cast<CountingJob*>(job)->mTally.count();
+        delete job;
+    }
+};
+
+void OurJobs()
+{
+    Tally tally(sJobs);
+    Worker worker;
+    worker.startThread("bench");
+    for (std::size_t i = 0; i < sJobs; i += sJobsPerBracket) {
+        worker.beginWake();
+        for (std::size_t k = 0; k < sJobsPerBracket; ++k)
+            worker.addJob(new CountingJob(tally));
+        worker.endWake();
+    }
+    tally.done.get_future().wait();
+}
+
+#ifdef KY_HAVE_POCO
+struct CountingNotification : Poco::Notification {
+    explicit CountingNotification(Tally& tally) : mTally(tally) {}
+    Tally& mTally;
+};
+
+void PocoJobs()
+{
+    Tally tally(sJobs);
+    Poco::NotificationQueue queue;
+    Poco::Thread thread;
+    thread.startFunc([&] {
+        for (;;) {
+            const Poco::AutoPtr<Poco::Notification> next(queue.waitDequeueNotification());
+            if (next.isNull())
+                return;
+            static_cast<CountingNotification*>(const_cast<Poco::Notification*>(next.get()))
+                ->mTally.count();
+        }
+    });
+    for (std::size_t i = 0; i < sJobs; ++i)
+        queue.enqueueNotification(new CountingNotification(tally));
+    tally.done.get_future().wait();
+    queue.wakeUpAll();
+    thread.join();
+}
+
+void JobsBesidePoco(benchmark::State& state)
+{
+    const Library library;
+    Compare(state, sJobs, &OurJobs, &PocoJobs);
+}
+BENCHMARK(JobsBesidePoco)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
+#endif
+
+#ifdef KY_HAVE_QT
+struct CountingRunnable : QRunnable {
+    explicit CountingRunnable(Tally& tally) : mTally(tally) {}
+    void run() override { mTally.count(); }
+    Tally& mTally;
+};
+
+void QtJobs()
+{
+    Tally tally(sJobs);
+    QThreadPool pool;
+    pool.setMaxThreadCount(1);
+    for (std::size_t i = 0; i < sJobs; ++i)
+        pool.start(new CountingRunnable(tally));
+    tally.done.get_future().wait();
+    pool.waitForDone();
+}
+
+void JobsBesideQt(benchmark::State& state)
+{
+    const Library library;
+    Compare(state, sJobs, &OurJobs, &QtJobs);
+}
+BENCHMARK(JobsBesideQt)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
+#endif
+
+/// Computes for about `microseconds`, without the pool's mutex.
+struct Solver : ky::ConcurrentPool::SolverBase {
+    explicit Solver(long microseconds) : mRounds(microseconds * sRoundsPerMicrosecond) {}
+    void solve(ky::kyMutex& mutex, ky::kyWaitCondition&) override
+    {
+        mutex.unlock();
+        for (long i = 0; i < mRounds; ++i)
+            benchmark::DoNotOptimize(i);
+        mutex.lock();
+    }
+    static long RoundsPerMicrosecond()
+    {
+        constexpr long rounds = 100000000;
+        const double seconds = Seconds([] {
+            for (long i = 0; i < rounds; ++i)
+                benchmark::DoNotOptimize(i);
+        });
+        return static_cast<long>(static_cast<double>(rounds) / seconds / 1e6);
+    }
+    static inline const long sRoundsPerMicrosecond = RoundsPerMicrosecond();
+    const long mRounds;
+};
+
+/// Independent solvers of a millisecond on as many workers as the argument says. The counter
+/// compares with the same solvers on one thread: with two workers 0.5 is the limit.
+void Throughput(benchmark::State& state)
+{
+    const Library library;
+    ky::ConcurrentPool one(1);
+    ky::ConcurrentPool several(static_cast<unsigned int>(state.range(0)));
+    Solver solver(1000);
+    const std::vector<ky::ConcurrentPool::SolverBase*> solvers(sSolvers, &solver);
+    Compare(
+        state, sSolvers, [&] { several.solve(solvers); }, [&] { one.solve(solvers); });
+}
+BENCHMARK(Throughput)->Arg(2)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(11);
+
+/// What handing out costs: solvers that do nothing, in lists as long as the argument says.
+void Overhead(benchmark::State& state)
+{
+    const Library library;
+    ky::ConcurrentPool pool(2);
+    Solver solver(0);
+    const auto count = static_cast<std::size_t>(state.range(0));
+    const std::vector<ky::ConcurrentPool::SolverBase*> solvers(count, &solver);
+    for (auto _ : state)
+        pool.solve(solvers);
+    state.counters["seconds_per_solver"] = benchmark::Counter(
+        static_cast<double>(state.range(0)),
+        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(Overhead)->Arg(1)->Arg(10)->Arg(100)->Arg(10000)->UseRealTime();
+
+}  // namespace
