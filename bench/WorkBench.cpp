@@ -117,10 +117,8 @@ void PocoJobs()
     Poco::NotificationQueue queue;
     Poco::Thread thread;
     thread.startFunc([&] {
-        for (;;) {
+        while (tally.left != 0) {
             const Poco::AutoPtr<Poco::Notification> next(queue.waitDequeueNotification());
-            if (next.isNull())
-                return;
             static_cast<CountingNotification*>(const_cast<Poco::Notification*>(next.get()))
                 ->mTally.count();
         }
@@ -128,7 +126,6 @@ void PocoJobs()
     for (std::size_t i = 0; i < sJobs; ++i)
         queue.enqueueNotification(new CountingNotification(tally));
     tally.done.get_future().wait();
-    queue.wakeUpAll();
     thread.join();
 }
 
