@@ -16,8 +16,9 @@ namespace ky {
 /// A fixed set of threads that a computation is spread over, cut into solvers.
 ///
 /// A pool for fewer than two workers has no threads and works on the caller's. Neither has an
-/// inherited pool in a forked child, which may be used and destroyed there. The threads are named
-/// "kyPool/0" and so on and block asynchronous signals.
+/// inherited pool in a forked child, which may be used and destroyed there: each call of `solve`
+/// has a mutex of its own then. The threads are named "kyPool/0" and so on and block asynchronous
+/// signals.
 class KY_API ConcurrentPool {
 public:
     class SolverBase;
@@ -48,14 +49,16 @@ public:
 private:
     class Worker;
     struct HandOut;
+    using SolverIterator = std::vector<SolverBase*>::const_iterator;
 
     bool isFromParent() const;
     void endWorkers();
     void handOut(const std::vector<SolverBase*>& solvers);
     void assignNext(Worker& worker);
     void finish(Worker& worker);
-    static void RunHere(const std::vector<SolverBase*>& solvers, kyMutex& mutex,
-                        kyWaitCondition& condition);
+    void runHere(const std::vector<SolverBase*>& solvers);
+    static void RunInChild(SolverIterator begin, SolverIterator end);
+    void leave();
 
     // All that changes is under mMutex.
     std::vector<std::unique_ptr<Worker>> mWorkers;
@@ -67,7 +70,7 @@ private:
     const std::uint32_t mWorkerCount;
     [[maybe_unused]] const std::uint32_t mSpare = 0;
     std::list<HandOut*> mOpen;  // with solvers that no worker has yet
-    std::size_t mCallers = 0;   // threads in `handOut`
+    std::size_t mCallers = 0;   // calls of `solve` that are on their way
     const unsigned long mProcessId;
 };
 
@@ -100,6 +103,8 @@ public:
     /// and uses what the solvers share while it holds the mutex. `poolCondition` goes with the
     /// mutex, for solvers that wait for each other; as many as wait together need a worker each.
     /// To return with the mutex released, or held more often, is a misuse that the pool corrects.
+    /// A solver must not end its thread (pthread_exit(3p)): nobody would count it as done. One that
+    /// forks can return in the child, but not use the pool's mutex there, which is the parent's.
     virtual void solve(kyMutex& poolMutex, kyWaitCondition& poolCondition) = 0;
 
     /// Null is ignored. The objects go in the order in which they came.

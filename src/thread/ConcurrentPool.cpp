@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -141,27 +142,44 @@ void ConcurrentPool::solve(const std::vector<SolverBase*>& solvers)
     if (all.empty())
         return;
     if (isFromParent()) {
-        // Who held the mutex at the fork is not here to release it.
-        kyMutex mutex;
-        kyWaitCondition condition;
-        RunHere(all, mutex, condition);
+        RunInChild(all.begin(), all.end());
     } else if (mWorkerCount < 2 || tPoolOfWorker == this) {
         // A worker that waited for the others would hold the mutex twice, and release it never.
-        RunHere(all, mMutex, mSolverCondition);
+        runHere(all);
     } else {
         handOut(all);
     }
 }
 
-void ConcurrentPool::RunHere(const std::vector<SolverBase*>& solvers, kyMutex& mutex,
-                             kyWaitCondition& condition)
+void ConcurrentPool::runHere(const std::vector<SolverBase*>& solvers)
 {
-    const unsigned int depthOfCaller = impl::LockDepth(mutex);
-    for (SolverBase* const solver : solvers) {
-        impl::SetLockDepth(mutex, 1);
-        RunGuarded(*solver, mutex, condition);
+    const unsigned int depthOfCaller = impl::LockDepth(mMutex);
+    impl::SetLockDepth(mMutex, 1);
+    ++mCallers;
+    for (auto solver = solvers.begin(); solver != solvers.end(); ++solver) {
+        RunGuarded(**solver, mMutex, mSolverCondition);
+        // It may have forked: in the child the mutex is the parent's, and so is the count.
+        if (isFromParent())
+            return RunInChild(std::next(solver), solvers.end());
+        impl::SetLockDepth(mMutex, 1);
     }
-    impl::SetLockDepth(mutex, depthOfCaller);
+    leave();
+    impl::SetLockDepth(mMutex, depthOfCaller);
+}
+
+/// With a mutex of its own: who held the pool's at the fork is not here to release it.
+void ConcurrentPool::RunInChild(SolverIterator begin, SolverIterator end)
+{
+    const unsigned long processId = impl::CachedProcessId();
+    kyMutex mutex;
+    kyWaitCondition condition;
+    for (SolverIterator solver = begin; solver != end; ++solver) {
+        impl::SetLockDepth(mutex, 1);
+        RunGuarded(**solver, mutex, condition);
+        if (processId != impl::CachedProcessId())
+            return RunInChild(std::next(solver), end);
+    }
+    impl::SetLockDepth(mutex, 0);
 }
 
 void ConcurrentPool::handOut(const std::vector<SolverBase*>& solvers)
@@ -177,8 +195,13 @@ void ConcurrentPool::handOut(const std::vector<SolverBase*>& solvers)
     mWork.wakeAll();
     while (handOut.unfinished != 0)
         mAllDone.wait(&mMutex, sNoTimeLimit);
+    leave();
+}
+
+/// The destructor waits for the last caller.
+void ConcurrentPool::leave()
+{
     --mCallers;
-    // The destructor waits for the last caller to leave.
     if (mCallers == 0)
         mAllDone.wakeAll();
 }

@@ -154,26 +154,68 @@ TEST_F(Pool, IsDestroyedAtOnceOrAfterTheHandOutsInProgress)
     for (int i = 0; i < 500; ++i)
         const ConcurrentPool pool(2);
 
-    auto pool = std::make_unique<ConcurrentPool>(2);
-    std::promise<void> begun;
-    std::promise<void> opened;
-    std::atomic<int> done = 0;
-    std::thread caller([&] {
-        Solve(*pool, 1, [&](kyMutex& mutex, kyWaitCondition&) {
-            mutex.unlock();
-            begun.set_value();
-            opened.get_future().wait();
-            mutex.lock();
+    for (const unsigned int workers : {1U, 2U}) {
+        SCOPED_TRACE(workers);
+        auto pool = std::make_unique<ConcurrentPool>(workers);
+        std::promise<void> begun;
+        std::promise<void> opened;
+        std::atomic<int> done = 0;
+        std::atomic<bool> isDestroyed = false;
+        std::thread caller([&] {
+            Solve(*pool, 1, [&](kyMutex& mutex, kyWaitCondition&) {
+                mutex.unlock();
+                begun.set_value();
+                opened.get_future().wait();
+                mutex.lock();
+                ++done;
+            });
             ++done;
         });
-        ++done;
-    });
-    begun.get_future().wait();
-    auto destroyer = ky::test::StartUntilAsleep([&] { pool.reset(); });
-    opened.set_value();
-    destroyer.join();
-    caller.join();
-    EXPECT_EQ(done, 2);
+        begun.get_future().wait();
+        auto destroyer = ky::test::StartUntilAsleep([&] {
+            pool.reset();
+            isDestroyed = true;
+        });
+        EXPECT_FALSE(isDestroyed);
+        opened.set_value();
+        destroyer.join();
+        caller.join();
+        EXPECT_EQ(done, 2);
+    }
+}
+
+TEST_F(Pool, GoesOnInTheChildOfASolverThatForks)
+{
+    ky::kyLog::Instance()->setEchoToConsole(false);
+    const pid_t self = ::getpid();
+    for (const unsigned int workers : {1U, 2U}) {
+        SCOPED_TRACE(workers);
+        ConcurrentPool pool(workers);
+        int done = 0;
+        bool isWell = true;
+        // The second one forks in the child of the first, too.
+        Solver solver([&](kyMutex&, kyWaitCondition&) {
+            if (++done > 2)
+                return;
+            const pid_t child = ::fork();
+            if (child == 0) {
+                ::alarm(60);
+                return;
+            }
+            int status = -1;
+            ::waitpid(child, &status, 0);
+            isWell = isWell && WIFEXITED(status) && WEXITSTATUS(status) == 44;
+        });
+        const std::vector<ConcurrentPool::SolverBase*> solvers(4, &solver);
+        // On a worker its own call of `solve` runs them.
+        Solve(pool, 1, [&](kyMutex&, kyWaitCondition&) {
+            pool.solve(solvers);
+            if (::getpid() != self)
+                ::_exit(isWell && done == 4 ? 44 : 1);
+        });
+        EXPECT_TRUE(isWell);
+        EXPECT_EQ(done, 4);
+    }
 }
 
 TEST_F(Pool, WorksOnTheCallersThreadInAForkedChild)
