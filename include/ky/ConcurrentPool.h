@@ -36,10 +36,10 @@ public:
 
     unsigned int getWorkerCount() const;
 
-    /// Runs every solver once and returns when all are done. They are begun in the order of the
-    /// list, on whichever worker is idle; nulls are skipped. A solver that throws or crashes is
-    /// reported as `exception::impl::ExecGuardedCode` tells, and counts as done. The solvers are
-    /// borrowed; what they wrote is seen by the caller.
+    /// Runs every solver once and returns when all are done. They are handed out in the order of
+    /// the list, each to a worker that is idle, so several may begin in any order; nulls are
+    /// skipped. A solver that throws or crashes is reported as `exception::impl::ExecGuardedCode`
+    /// tells, and counts as done. The solvers are borrowed; what they wrote is seen by the caller.
     ///
     /// Any number of threads may call it at once: who comes first is served first. Called by a
     /// solver of this pool it runs the solvers on the spot, one after the other. A solver must not

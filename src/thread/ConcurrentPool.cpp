@@ -41,13 +41,13 @@ void RunGuarded(ConcurrentPool::SolverBase& solver, kyMutex& mutex, kyWaitCondit
 
 /// One call of `ConcurrentPool::solve`, on the stack of its caller. The count of its own keeps
 /// calls that overlap from waiting for each other.
-struct ConcurrentPool::HandOut {
+struct __attribute__((visibility("hidden"))) ConcurrentPool::HandOut {
     const std::vector<SolverBase*>& solvers;  // without nulls
     std::size_t next = 0;
     std::size_t unfinished = solvers.size();
 };
 
-class ConcurrentPool::Worker final : public kyThread {
+class __attribute__((visibility("hidden"))) ConcurrentPool::Worker final : public kyThread {
 public:
     explicit Worker(ConcurrentPool& pool) : mPool(pool)
     {
@@ -188,11 +188,14 @@ void ConcurrentPool::handOut(const std::vector<SolverBase*>& solvers)
     const kyMutexLocker lock(mMutex);
     mOpen.push_back(&handOut);
     ++mCallers;
+    const std::uint32_t pendingBefore = mPending;
     for (const std::unique_ptr<Worker>& worker : mWorkers) {
         if (worker->mSolver == nullptr)
             assignNext(*worker);
     }
-    mWork.wakeAll();
+    // Which of them sleep for it, the condition does not know.
+    if (mPending != pendingBefore)
+        mWork.wakeAll();
     while (handOut.unfinished != 0)
         mAllDone.wait(&mMutex, sNoTimeLimit);
     leave();
