@@ -33,8 +33,9 @@ public:
 /// before the thread was started wait for the first `endWake` too. Jobs are borrowed: a job that
 /// was processed belongs to whoever made it, or to the handler.
 ///
-/// The owner starts the thread with `startThread`. A handler that throws or crashes is reported and
-/// ends the thread; later jobs stay in the queue. A stopped thread cannot be started again.
+/// The owner starts the thread with `startThread`. A handler that throws or crashes is reported, as
+/// `exception::impl::ExecGuardedCode` tells, and ends the thread; later jobs stay in the queue. A
+/// stopped thread cannot be started again.
 ///
 /// In a forked child there is no worker: brackets and `stop` lock nothing and do nothing else, and
 /// what is queued can be cleared.
@@ -54,18 +55,19 @@ public:
     /// handler as it is, null too.
     void addJob(kyJob* job);
 
-    /// Returns only when the job in work, if any, is done; then closes the bracket and wakes the
-    /// worker.
+    /// Waits while the handler is at work, then closes the bracket and wakes the worker. A job that
+    /// the worker has taken, but not begun yet, is not waited for: only after `stop` is every job
+    /// that left the queue done.
     void endWake();
 
-    /// Calls `onDelete` of every job in the queue, in order, and empties it. Inside a bracket, or
-    /// while the thread does not run.
+    /// Calls `onDelete` of every job in the queue but null, in order, and empties it. Inside a
+    /// bracket, or while the thread does not run.
     void clearJobs();
 
     /// Ends the thread after the job in work, whatever is queued, and waits for that. True when it
-    /// was joined; false when it was never started or is joined already. From the handler it
-    /// returns false without waiting, and the thread ends after this job. Any thread, but not
-    /// inside a bracket, which the worker would wait for.
+    /// was joined; false when it was never started or is joined already. Calls that overlap can
+    /// both return true. From the handler it returns false without waiting, and the thread ends
+    /// after this job. Any thread, but not inside a bracket, which the worker would wait for.
     virtual bool stop();
 
 protected:

@@ -56,7 +56,8 @@ void kyWorkThread::clearJobs()
         // Out first: the job may be gone after the call.
         kyJob* const job = mQueue.front();
         mQueue.pop_front();
-        job->onDelete();
+        if (job != nullptr)
+            job->onDelete();
     }
 }
 

@@ -130,6 +130,7 @@ TEST_F(WorkThread, StopsWheneverItIsAskedTo)
     {
         Worker worker;
         EXPECT_FALSE(worker.stop()) << "never started";
+        worker.addJob(nullptr);
         worker.add([] { ADD_FAILURE() << "run() must not touch the queue"; });
         EXPECT_EQ(ky::kyThread::Run(&worker), 1);
         worker.clearJobs();
