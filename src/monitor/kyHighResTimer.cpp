@@ -49,7 +49,7 @@ double kyHighResTimer::getElapsedTimeInMicroSec()
 {
     if (!mRecord->isStopped)
         ::gettimeofday(&mRecord->end, nullptr);
-    // kept: each time becomes a double before the difference is taken.
+    // Each time becomes a double before the difference is taken.
     return MicroSeconds(mRecord->end) - MicroSeconds(mRecord->start);
 }
 
