@@ -13,11 +13,18 @@ namespace ky {
 /// Ends the process when it uses too much memory: the last resort of a program that must not take
 /// the machine down with it.
 ///
-/// Every 200 ms it reads the resident memory (`kySystemUtils::Resident`). Above the threshold it
-/// logs one CRITICAL line and calls exit(3) on its own thread, so the exit handlers run there. They
-/// may destroy the watchdog, which may be static. Where the log is stuck the process ends all the
-/// same, a second later, once the host's exit handlers are through; what stdio still holds is lost
-/// then. To call exit(3), or to return from main, while the watchdog does is undefined in glibc.
+/// Every 200 ms of the wall clock (`kyWaitCondition::wait`) it reads the resident memory
+/// (`kySystemUtils::Resident`), which takes a descriptor and some heap: without them it sees
+/// nothing. Above the threshold it logs one CRITICAL line and calls exit(3) on its own thread, so
+/// the exit handlers run there. They may destroy the watchdog, which may be static. To call exit(3)
+/// or to return from main meanwhile is undefined in glibc.
+///
+/// Where the log is stuck the process ends all the same, a second later, once the host's exit
+/// handlers are through; what stdio still holds is lost then. Handlers from before a dlopen(3) of
+/// the library are left out. The process stays when a handler or a static destructor waits for
+/// the stuck log itself (`terminateKySystem`, a line with flush-now), and when a thread is stuck in
+/// a stdio stream while the log is not. Where no thread can be had for the line, it goes to
+/// standard error alone, and the process ends as with a stuck log.
 ///
 /// Setting and asking are for any thread. In a forked child nothing is watched: enabling does
 /// nothing there, and the object can be destroyed.

@@ -6,6 +6,7 @@
 
 #include "log/ExitFlush.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -16,6 +17,7 @@
 #include <thread>
 #include <utility>
 
+#include <poll.h>
 #include <unistd.h>
 #include <cstdlib>
 
@@ -50,6 +52,18 @@ std::string Humanised(std::uint64_t bytes)
            "B";
 }
 
+/// For a process that has no thread left: the log would be waited for without limit here.
+void WriteToStandardError(std::string line)
+{
+    ::pollfd error = {STDERR_FILENO, POLLOUT, 0};
+    if (::poll(&error, 1, 0) != 1)
+        return;
+    // What is called writable takes that much at once (pipe(7)).
+    line.resize(std::min<std::size_t>(line.size(), PIPE_BUF - 1));
+    line.append(1, '\n');
+    static_cast<void>(::write(STDERR_FILENO, line.data(), line.size()));
+}
+
 /// Whether the line was through the sinks in time. Written by a thread of its own, since a stuck
 /// sink blocks whoever writes to it, or waits for it, for ever.
 bool LogInTime(const std::string& line)
@@ -58,13 +72,16 @@ bool LogInTime(const std::string& line)
     const std::future<void> isWritten = written->get_future();
     try {
         std::thread([line, written] {
-            kyLogObject(kyLog::Critical).setFlushNow() << line;
-            written->set_value();
+            try {
+                kyLogObject(kyLog::Critical).setFlushNow() << line;
+                written->set_value();
+            } catch (...) {
+                // Out of memory: the process ends without the line.
+            }
         }).detach();
     } catch (const std::system_error&) {
-        // No thread to be had: the flush at exit is bounded too.
-        kyLogObject(kyLog::Critical) << line;
-        return true;
+        WriteToStandardError(line);
+        return false;
     }
     return isWritten.wait_for(sLogPatience) == std::future_status::ready;
 }
@@ -96,16 +113,16 @@ void MemoryWatchDog::setMonitoringEnabled(bool enabled)
 {
     if (isInherited())
         return;
-    // Not under the mutex: a log that is stuck must not keep the thread from its checks.
-    if (enabled)
-        kyLogObject(kyLog::Trace) << logPrefix() << "start with a threshold of "
-                                  << Humanised(mThresholdBytes);
     {
         const kyMutexLocker lock(mMutex);
         mIsEnabled = enabled;
         mWake.wakeAll();
     }
-    if (!enabled)
+    // Last, and not under the mutex: a log that is stuck must not keep the thread from its checks.
+    if (enabled)
+        kyLogObject(kyLog::Trace) << logPrefix() << "start with a threshold of "
+                                  << Humanised(mThresholdBytes);
+    else
         kyLogObject(kyLog::Trace) << logPrefix() << "stop";
 }
 
