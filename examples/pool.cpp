@@ -1,5 +1,5 @@
 // Counts the bytes of all files below a folder, spread over the process-wide pool, with a bar, and
-// tells how much information they hold. An interrupt (Ctrl-C) stops it between two blocks.
+// tells how much information they hold. An interrupt (Ctrl-C) stops it within a few blocks.
 //
 //     example-pool [FOLDER]
 
@@ -24,6 +24,7 @@
 namespace {
 
 constexpr unsigned long sBlockBytes = 65536;
+constexpr int sBlocksPerReport = 16;
 
 using Histogram = std::array<std::uint64_t, 256>;
 
@@ -34,6 +35,11 @@ extern "C" void Interrupt(int)
     __atomic_store_n(&gIsInterrupted, true, __ATOMIC_RELAXED);
 }
 
+std::uint64_t Sum(const Histogram& counts)
+{
+    return std::accumulate(counts.begin(), counts.end(), std::uint64_t{0});
+}
+
 /// What the solvers share: used while they hold the mutex of the pool.
 struct Shared {
     Histogram total{};
@@ -42,39 +48,62 @@ struct Shared {
 
 class CountFile : public ky::ConcurrentPool::SolverBase {
 public:
-    CountFile(std::string path, Shared& shared) : mPath(std::move(path)), mShared(shared) {}
+    CountFile(const std::filesystem::directory_entry& file, Shared& shared)
+        : mPath(file.path().string()), mShared(shared)
+    {
+        std::error_code error;
+        const std::uintmax_t size = file.file_size(error);
+        mUnreported = error ? 0.0 : static_cast<double>(size);
+    }
+
+    double size() const { return mUnreported; }
 
     void solve(ky::kyMutex& poolMutex, ky::kyWaitCondition& /*poolCondition*/) override
     {
-        // Without the mutex while this solver is busy with what is its own.
-        poolMutex.unlock();
+        ky::kyIoDeviceFileStream file;
         Histogram counts{};
-        count(counts);
-        poolMutex.lock();
+        bool hasMore = true;
+        while (hasMore && !mShared.progress->shouldCancel()) {
+            // Without the mutex while this solver is busy with what is its own.
+            poolMutex.unlock();
+            const std::uint64_t before = Sum(counts);
+            hasMore = (file.isOpen() || file.open(mPath, ky::kyIoDevice::DataWayRead, false)) &&
+                      countBlocks(file, counts);
+            const auto bytes = static_cast<double>(Sum(counts) - before);
+            poolMutex.lock();
+            // A file that has shrunk, or cannot be read, is done all the same.
+            report(hasMore ? std::min(bytes, mUnreported) : mUnreported);
+        }
         std::transform(counts.begin(), counts.end(), mShared.total.begin(), mShared.total.begin(),
                        std::plus<>());
-        mShared.progress->incrementCurrentStepProgress(1.0);
-        mShared.progress->updateProxy();
     }
 
 private:
-    void count(Histogram& counts) const
+    /// False at the end of the file.
+    static bool countBlocks(ky::kyIoDeviceFileStream& file, Histogram& counts)
     {
-        ky::kyIoDeviceFileStream file;
-        if (!file.open(mPath, ky::kyIoDevice::DataWayRead, false))
-            return;
         std::vector<char> block(sBlockBytes);
-        while (!mShared.progress->shouldCancel()) {
+        for (int i = 0; i < sBlocksPerReport; ++i) {
             const unsigned long size = file.readBytes(block.data(), sBlockBytes);
-            for (unsigned long i = 0; i < size; ++i)
-                ++counts[static_cast<unsigned char>(block[i])];
+            for (unsigned long k = 0; k < size; ++k)
+                ++counts[static_cast<unsigned char>(block[k])];
             if (size < sBlockBytes)
-                return;
+                return false;
         }
+        return true;
+    }
+
+    /// The bar learns of progress, and the solvers of an interrupt, through the proxy.
+    void report(double bytes)
+    {
+        mUnreported -= bytes;
+        mShared.progress->incrementCurrentStepProgress(bytes);
+        mShared.progress->updateProxy();
     }
 
     const std::string mPath;
     Shared& mShared;
+    double mUnreported = 0.0;  // bytes
 };
 
 std::vector<std::unique_ptr<CountFile>> SolversFor(const std::string& folder, Shared& shared)
@@ -85,14 +114,9 @@ std::vector<std::unique_ptr<CountFile>> SolversFor(const std::string& folder, Sh
     for (std::filesystem::recursive_directory_iterator entry(folder, skip, error), end;
          !error && entry != end; entry.increment(error)) {
         if (entry->is_regular_file(error))
-            solvers.push_back(std::make_unique<CountFile>(entry->path().string(), shared));
+            solvers.push_back(std::make_unique<CountFile>(*entry, shared));
     }
     return solvers;
-}
-
-std::uint64_t Sum(const Histogram& counts)
-{
-    return std::accumulate(counts.begin(), counts.end(), std::uint64_t{0});
 }
 
 double BitsPerByte(const Histogram& counts)
@@ -120,10 +144,13 @@ int main(int argc, char** argv)
         shared.progress = &progress;
 
         const auto solvers = SolversFor(argc > 1 ? argv[1] : "/etc", shared);
-        progress.setCurrentStepMaxProgress(static_cast<double>(solvers.size()));
+        double bytes = 0.0;
         std::vector<ky::ConcurrentPool::SolverBase*> borrowed;
-        for (const auto& solver : solvers)
+        for (const auto& solver : solvers) {
+            bytes += solver->size();
             borrowed.push_back(solver.get());
+        }
+        progress.setCurrentStepMaxProgress(bytes);
         ky::concurrent::GetConcurrentPool()->solve(borrowed);
 
         isInterrupted = bar.shouldCancel();
