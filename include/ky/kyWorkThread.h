@@ -6,7 +6,7 @@
 #include "ky/kyWaitCondition.h"
 
 #include <atomic>
-#include <list>
+#include <deque>
 
 namespace ky {
 
@@ -88,7 +88,7 @@ private:
     kyMutex mProcessing;                   // held while a job is processed
     std::atomic<bool> mShouldStop{false};  // written under mQueueMutex or by the worker
     bool mIsIdle = true;                   // the worker takes nothing; under mQueueMutex
-    std::list<kyJob*> mQueue;              // under mQueueMutex
+    std::deque<kyJob*> mQueue;             // under mQueueMutex
     const unsigned long mProcessId;
 };
 

@@ -3,6 +3,7 @@
 #include "frame/ProcessId.h"
 
 #include <climits>
+#include <utility>
 
 namespace ky {
 namespace {
@@ -45,9 +46,11 @@ void kyWorkThread::endWake()
         return;
     mProcessing.lock();
     mProcessing.unlock();
-    mIsIdle = false;
+    // A worker that is not idle sleeps no more: whoever ended its idleness wakes it.
+    const bool wasIdle = std::exchange(mIsIdle, false);
     mQueueMutex.unlock();
-    mWake.wakeAll();
+    if (wasIdle)
+        mWake.wakeAll();
 }
 
 void kyWorkThread::clearJobs()
