@@ -68,6 +68,8 @@ protected:
         tPoolOfWorker = &mPool;
         mPool.mMutex.lock();
         while (mIsActive) {
+            if (mSolver == nullptr)
+                mPool.assignNext(*this);
             if (mSolver == nullptr) {
                 mPool.mWork.wait(&mPool.mMutex, sNoTimeLimit);
                 continue;
@@ -188,14 +190,11 @@ void ConcurrentPool::handOut(const std::vector<SolverBase*>& solvers)
     const kyMutexLocker lock(mMutex);
     mOpen.push_back(&handOut);
     ++mCallers;
-    const std::uint32_t pendingBefore = mPending;
-    for (const std::unique_ptr<Worker>& worker : mWorkers) {
-        if (worker->mSolver == nullptr)
-            assignNext(*worker);
-    }
-    // Which of them sleep for it, the condition does not know.
-    if (mPending != pendingBefore)
-        mWork.wakeAll();
+    // Who wakes takes the next solver itself, as those do that are awake: to assign it here would
+    // mean to wake all, for the condition cannot tell one sleeper from another.
+    const std::size_t idle = mWorkers.size() - mPending;
+    for (std::size_t i = 0; i < std::min(idle, solvers.size()); ++i)
+        mWork.wakeOne();
     while (handOut.unfinished != 0)
         mAllDone.wait(&mMutex, sNoTimeLimit);
     leave();
