@@ -57,6 +57,7 @@ void ExpectLevels(const std::string& calls, const std::vector<int>& levels)
         EXPECT_EQ(State::Level(), levels[i]) << "after call " << i;
         EXPECT_EQ(ky::kyLog::Instance() != nullptr, levels[i] != 0) << "after call " << i;
         EXPECT_EQ(StringsWork(), levels[i] != 0) << "after call " << i;
+        EXPECT_EQ(ky::concurrent::GetConcurrentPool() != nullptr, levels[i] == 2);
     }
 }
 
