@@ -18,6 +18,7 @@ void AddCrash(CLI::App& app, int& exitCode);
 void AddInfo(CLI::App& app, int& exitCode);
 void AddLog(CLI::App& app, int& exitCode);
 void AddMime(CLI::App& app, int& exitCode);
+void AddPipe(CLI::App& app, int& exitCode);
 void AddTee(CLI::App& app, int& exitCode);
 
 void AddTree(CLI::App& app, int& exitCode);

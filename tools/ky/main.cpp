@@ -64,6 +64,7 @@ int main(int argc, char** argv)
     ky::tool::AddLock(app, {argv + std::min(end + 1, argc), argv + argc}, exitCode);
     ky::tool::AddLog(app, exitCode);
     ky::tool::AddMime(app, exitCode);
+    ky::tool::AddPipe(app, exitCode);
     ky::tool::AddTee(app, exitCode);
     ky::tool::AddTree(app, exitCode);
     try {
