@@ -13,8 +13,8 @@
 /// Any thread, at any time, also in static constructors and destructors before the library is
 /// initialised and after it is terminated. At the full level a table is registered or unregistered
 /// as a whole before another thread finds anything; only a custom handler of the log does not wait
-/// for that, since the thread that registers may be waiting for the log. In a child made by fork(2)
-/// other threads may find a part of a table.
+/// for that, since the thread that registers may be waiting for the log. A child made by fork(2)
+/// has what was registered by then, be it a part of a table.
 ///
 /// Termination empties the registry. Whoever wants resources after a new initialisation registers
 /// them again.
@@ -50,8 +50,8 @@ KY_API void RegisterResources(unsigned long count, char const* blob, char const*
                               unsigned long const* offsets);
 
 /// Removes the resources of these names; nothing else is looked at. For a name that is not
-/// registered it logs a CRITICAL line, "Resource is already unregistered " and the name. After
-/// termination it does nothing.
+/// registered it logs a CRITICAL line, "Resource is already unregistered " and the name. Without a
+/// registry, after termination or before anything was registered, it does nothing at all.
 KY_API void UnRegisterResources(unsigned long count, char const* blob, char const* const* names,
                                 char const* const* sha256Hex, unsigned long const* sizes,
                                 unsigned long const* offsets);

@@ -3,7 +3,6 @@
 #include "ky/kyMutex.h"
 
 #include "frame/ForkSafeLock.h"
-#include "frame/ProcessId.h"
 #include "frame/Report.h"
 #include "frame/ResourceRegistry.h"
 #include "log/LogWriter.h"
@@ -27,7 +26,6 @@ struct Entry {
 
 struct Registry {
     std::map<std::string, Entry> entries;
-    unsigned long lockProcessId = 0;
     std::unique_ptr<kyMutex> lock;  // the last one, so that it goes first
 };
 
@@ -39,10 +37,24 @@ constinit Registry* sRegistry = nullptr;
 // that is whole.
 using MapLock = impl::ForkSafeLock<struct ResourceMapTag>;
 
+/// In a forked child, where the lock's holder may not exist. A new kyMutex would be told in the
+/// log, so that it is only free again.
+void RenewLocks()
+{
+    if (sRegistry != nullptr && sRegistry->lock != nullptr) {
+        pthread_mutexattr_t attribute;
+        ::pthread_mutexattr_init(&attribute);
+        ::pthread_mutexattr_settype(&attribute, PTHREAD_MUTEX_RECURSIVE);
+        ::pthread_mutex_init(sRegistry->lock->getMutexData(), &attribute);
+        ::pthread_mutexattr_destroy(&attribute);
+    }
+    MapLock::Give();
+}
+
 /// In a constructor of the library, so that hooks registered later take their locks first.
 __attribute__((constructor)) void KeepForkOutOfResources()
 {
-    ::pthread_atfork(&MapLock::Take, &MapLock::Give, &MapLock::Give);
+    ::pthread_atfork(&MapLock::Take, &MapLock::Give, &RenewLocks);
 }
 
 /// Holds the registry's lock, if it has one, for a whole operation with the lines that it logs.
@@ -63,15 +75,11 @@ public:
 
 private:
     /// None for a custom handler of the log: who holds the lock may be logging and wait for that
-    /// handler, when the queue of the log is full say. None in a forked child either, where the
-    /// holder may not exist.
+    /// handler, when the queue of the log is full say.
     static kyMutex* FindLock()
     {
         const MapLock map;
-        if (sRegistry == nullptr || sRegistry->lockProcessId != impl::CachedProcessId() ||
-            impl::IsHandlerRunning())
-            return nullptr;
-        return sRegistry->lock.get();
+        return sRegistry != nullptr && !impl::IsHandlerRunning() ? sRegistry->lock.get() : nullptr;
     }
 
     kyMutex* const mLock;
@@ -151,7 +159,6 @@ void impl::LockResourceRegistry()
     auto lock = std::make_unique<kyMutex>();
     const MapLock map;
     sRegistry->lock = std::move(lock);
-    sRegistry->lockProcessId = CachedProcessId();
 }
 
 void impl::DestroyResourceRegistry()
@@ -216,7 +223,9 @@ void rc::impl::UnRegisterResources(unsigned long count, char const* /*blob*/,
                                    unsigned long const* /*sizes*/, unsigned long const* /*offsets*/)
 {
     const Operation operation;
-    for (unsigned long i = 0; i < count && HasRegistry(); ++i) {
+    if (!HasRegistry())
+        return;
+    for (unsigned long i = 0; i < count; ++i) {
         const std::string name(names[i]);
         if (!Erase(name))
             ReportAbout("Resource is already unregistered ", name);
