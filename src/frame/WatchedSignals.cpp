@@ -71,18 +71,18 @@ void GiveSignalsBack() noexcept
     }
 }
 
-void PrepareSignalsForExec(const sigset_t& mask) noexcept
+SignalsForExec GetSignalsForExec() noexcept
 {
+    SignalsForExec signals;
     for (std::size_t i = 0; i < sTaken.size(); ++i) {
         const int signal = sWatchedSignals[i].number;
         struct sigaction current = {};
         if (::sigaction(signal, nullptr, &current) != 0 || !IsOurs(sTaken[i], current))
             continue;
-        struct sigaction action = {};
-        action.sa_handler = sTaken[i].before.sa_handler == SIG_IGN ? SIG_IGN : SIG_DFL;
-        ::sigaction(signal, &action, nullptr);
+        const bool wasIgnored = sTaken[i].before.sa_handler == SIG_IGN;
+        (wasIgnored ? signals.toIgnore : signals.toDefault) |= std::uint64_t{1} << (signal - 1);
     }
-    ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    return signals;
 }
 
 }  // namespace ky::impl

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 
 #include <signal.h>
 
@@ -38,11 +39,15 @@ void SetDefaultAction(int signal) noexcept;
 /// One thread at a time.
 void GiveSignalsBack() noexcept;
 
-/// For a forked child that will start another program: every watched signal that still has the
-/// watcher's action is ignored again if it was ignored before the watcher took it over, and has its
-/// default action otherwise. Then `mask` becomes the calling thread's signal mask. Signals with an
-/// action of the host are left alone: execve(2) turns its handlers into default actions. Changes
-/// nothing in memory. Signal-safe.
-void PrepareSignalsForExec(const sigset_t& mask) noexcept;
+/// What a program that is started from here has to find otherwise than this process has it. Bit
+/// n - 1 stands for signal n, as in the kernel's sets.
+struct SignalsForExec {
+    std::uint64_t toIgnore = 0;
+    std::uint64_t toDefault = 0;
+};
+
+/// Every watched signal that still has the watcher's action: it was ignored before the watcher took
+/// it over, and has to be again, or gets its default action. Any thread.
+SignalsForExec GetSignalsForExec() noexcept;
 
 }  // namespace ky::impl

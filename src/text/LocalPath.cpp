@@ -12,11 +12,18 @@ std::string impl::ToLocalPath(const std::string& pathUtf8)
         return {};
     if (IsAscii(pathUtf8))
         return pathUtf8;
-    std::string local = kyStringUtils::convertCharset(pathUtf8, kyStringUtils::CharSetUtf8,
-                                                      kyStringUtils::CharSetLocal8Bit);
+    std::string local = ToLocalText(pathUtf8);
     if (ToUtf8Path(local) != pathUtf8)
         local.clear();
     return local;
+}
+
+std::string impl::ToLocalText(const std::string& textUtf8)
+{
+    if (IsAscii(textUtf8))
+        return textUtf8;
+    return kyStringUtils::convertCharset(textUtf8, kyStringUtils::CharSetUtf8,
+                                         kyStringUtils::CharSetLocal8Bit);
 }
 
 std::string impl::ToUtf8Path(const std::string& localPath)

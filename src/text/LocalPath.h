@@ -12,6 +12,10 @@ namespace ky::impl {
 /// local set of this platform has it.
 std::string ToLocalPath(const std::string& pathUtf8);
 
+/// A text that names no file. What the local set lacks is replaced (`convertCharset`); "" for one
+/// that does not convert.
+std::string ToLocalText(const std::string& textUtf8);
+
 /// A name that the system gave, for messages and results. Empty where its bytes do not convert.
 std::string ToUtf8Path(const std::string& localPath);
 

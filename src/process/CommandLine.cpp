@@ -1,0 +1,68 @@
+#include "ky/kyLog.h"
+#include "ky/kyProcess.h"
+
+#include <exception>
+#include <utility>
+
+namespace ky {
+namespace {
+
+/// False for a quote inside a plain word and for a quoted word without end.
+bool Split(const std::string& line, std::vector<std::string>& words)
+{
+    enum class Place { Between, InWord, InQuotes } place = Place::Between;
+    char previous = '\0';
+    for (const char c : line) {
+        const bool isBlank = c == ' ' || c == '\t';
+        if (place == Place::InQuotes && c == '"' && previous == '\\') {
+            words.back().back() = c;
+        } else if (place == Place::InQuotes && c == '"') {
+            place = Place::Between;
+        } else if (place == Place::InQuotes) {
+            words.back() += c;
+        } else if (isBlank) {
+            place = Place::Between;
+        } else if (c == '"' && place == Place::InWord) {
+            return false;
+        } else if (c == '"') {
+            place = Place::InQuotes;
+            words.emplace_back();
+        } else {
+            if (place == Place::Between)
+                words.emplace_back();
+            place = Place::InWord;
+            words.back() += c;
+        }
+        previous = c;
+    }
+    return place != Place::InQuotes;
+}
+
+}  // namespace
+
+bool kyProcess::SplitCommandLine(const std::string& commandLine, std::string& program,
+                                 std::vector<std::string>& arguments)
+{
+    std::vector<std::string> words;
+    try {
+        if (!Split(commandLine, words)) {
+            words.clear();
+            kyLogObject(kyLog::Critical, nullptr, "kySystem")
+                << "Fail to split command line : '" << commandLine << "' : Bad command line";
+        }
+    } catch (const std::exception&) {
+        words.clear();
+        kyLogObject(kyLog::Critical, nullptr, "kySystem")
+            << "Invalid command line : " << commandLine;
+    }
+    program.clear();
+    arguments.clear();
+    if (words.empty() || words.front().empty())
+        return false;
+    program = std::move(words.front());
+    words.erase(words.begin());
+    arguments = std::move(words);
+    return true;
+}
+
+}  // namespace ky

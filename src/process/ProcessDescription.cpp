@@ -1,0 +1,127 @@
+#include "ky/kyProcess.h"
+
+#include "process/ProcessRecord.h"
+#include "text/LocalPath.h"
+
+#include <optional>
+#include <utility>
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace ky {
+namespace {
+
+constexpr std::size_t sCommandLineBytes = 4096;
+constexpr unsigned long sBytesPerKibibyte = 1024;
+
+/// Each ended by a zero byte but, where it was cut, the last.
+std::optional<std::vector<std::string>> ReadCommandLine(const std::string& path)
+{
+    const impl::ScopedFile file = impl::OpenStream(path.c_str(), O_RDONLY, "r");
+    if (!file)
+        return std::nullopt;
+    std::string bytes(sCommandLineBytes, '\0');
+    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
+    std::vector<std::string> words;
+    for (std::size_t begin = 0; begin < bytes.size(); begin += std::strlen(&bytes[begin]) + 1)
+        words.push_back(impl::ToUtf8Path(&bytes[begin]));
+    return words;
+}
+
+std::string TakeFirst(std::vector<std::string>& words)
+{
+    if (words.empty())
+        return {};
+    std::string first = std::move(words.front());
+    words.erase(words.begin());
+    return first;
+}
+
+std::string CurrentFolder()
+{
+    char buffer[PATH_MAX];
+    return ::getcwd(buffer, sizeof(buffer)) != nullptr ? impl::ToUtf8Path(buffer) : "";
+}
+
+std::string RunningProgram()
+{
+    char buffer[PATH_MAX];
+    const ssize_t size = ::readlink("/proc/self/exe", buffer, sizeof(buffer));
+    return size > 0 ? impl::ToUtf8Path({buffer, static_cast<std::size_t>(size)}) : "";
+}
+
+/// Whether `line` is the one with that figure, which then is taken.
+bool Take(const char* line, const char* name, unsigned long& bytes)
+{
+    const std::size_t size = std::strlen(name);
+    if (std::strncmp(line, name, size) != 0)
+        return false;
+    bytes = static_cast<unsigned long>(std::strtoll(line + size, nullptr, 10)) * sBytesPerKibibyte;
+    return true;
+}
+
+}  // namespace
+
+bool kyProcess::GetCurrentProcess(kyProcess& process)
+{
+    std::optional<std::vector<std::string>> words = ReadCommandLine("/proc/self/cmdline");
+    if (!words)
+        return false;
+    auto record = std::make_unique<Record>();
+    record->pid = ::getpid();
+    record->workingDirectory = CurrentFolder();
+    record->program = RunningProgram();
+    TakeFirst(*words);
+    record->arguments = std::move(*words);
+    record->state = Running;
+    record->set(Record::Started, true);
+    record->set(Record::CurrentProcess, true);
+    process.mRecord = std::move(record);
+    return true;
+}
+
+bool kyProcess::GetParentProcess(kyProcess& process)
+{
+    const pid_t parent = ::getppid();
+    std::optional<std::vector<std::string>> words =
+        ReadCommandLine("/proc/" + std::to_string(parent) + "/cmdline");
+    if (!words)
+        return false;
+    auto record = std::make_unique<Record>();
+    record->pid = parent;
+    record->program = TakeFirst(*words);
+    record->arguments = std::move(*words);
+    record->state = Running;
+    record->set(Record::Started, true);
+    record->set(Record::ParentProcess, true);
+    process.mRecord = std::move(record);
+    return true;
+}
+
+bool kyProcess::getMemoryStatistics(unsigned long& resident, unsigned long& peak) const
+{
+    resident = 0;
+    peak = 0;
+    // Once a process is known to have ended its number may be another's.
+    if (!mRecord->isRunning() || mRecord->pid == 0)
+        return false;
+    const std::string name =
+        mRecord->has(Record::CurrentProcess) ? "self" : std::to_string(mRecord->pid);
+    const impl::ScopedFile file =
+        impl::OpenStream(("/proc/" + name + "/status").c_str(), O_RDONLY, "r");
+    if (!file)
+        return false;
+    char line[128];
+    while (std::fgets(line, sizeof(line), file.get()) != nullptr)
+        if (!Take(line, "VmRSS:", resident))
+            // kept: the peak of the virtual size, not that of the resident one.
+            Take(line, "VmPeak:", peak);
+    return true;
+}
+
+}  // namespace ky
