@@ -1,0 +1,148 @@
+// Starting a short program and waiting for its end, from a parent that has touched as many MiB as
+// the argument tells. A size that memory does not allow is left out.
+
+#include "ky/kyProcess.h"
+#include "ky/kySystem.h"
+
+#include <benchmark/benchmark.h>
+#ifdef KY_HAVE_BOOST
+#include <boost/process.hpp>
+#endif
+#ifdef KY_HAVE_POCO
+#include <Poco/Process.h>
+#endif
+#ifdef KY_HAVE_QT
+#include <QProcess>
+#endif
+
+#include <fstream>
+#include <string>
+
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <climits>
+#include <cstring>
+
+namespace {
+
+const std::string sProgram = "/bin/true";
+
+bool LaunchOurs()
+{
+    return ky::kyProcess::ExecUtf8(sProgram, {}, "", false, UINT_MAX) == 0;
+}
+
+/// Fork handlers aside, what the system can do at best.
+bool LaunchSpawn()
+{
+    std::string program = sProgram;
+    char* arguments[] = {program.data(), nullptr};
+    pid_t child = 0;
+    int status = -1;
+    return ::posix_spawn(&child, program.c_str(), nullptr, nullptr, arguments, environ) == 0 &&
+           ::waitpid(child, &status, 0) == child && status == 0;
+}
+
+#ifdef KY_HAVE_QT
+bool LaunchQt()
+{
+    return QProcess::execute(QString::fromStdString(sProgram), {}) == 0;
+}
+#endif
+
+#ifdef KY_HAVE_POCO
+bool LaunchPoco()
+{
+    return Poco::Process::launch(sProgram, {}).wait() == 0;
+}
+#endif
+
+#ifdef KY_HAVE_BOOST
+bool LaunchBoost()
+{
+    boost::process::child child(sProgram);
+    child.wait();
+    return child.exit_code() == 0;
+}
+#endif
+
+std::size_t AvailableMiB()
+{
+    std::ifstream file("/proc/meminfo");
+    std::string name;
+    std::string unit;
+    std::size_t kibibytes = 0;
+    while (file >> name && name != "MemAvailable:")
+        std::getline(file, unit);
+    file >> kibibytes;
+    return kibibytes / 1024;
+}
+
+/// Pages of 4 KiB, as heaps that grow have them.
+class TouchedMemory {
+public:
+    explicit TouchedMemory(std::size_t bytes) : mBytes(bytes)
+    {
+        if (bytes == 0)
+            return;
+        mMemory =
+            ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (mMemory == MAP_FAILED)
+            return;
+        ::madvise(mMemory, bytes, MADV_NOHUGEPAGE);
+        std::memset(mMemory, 1, bytes);
+    }
+    ~TouchedMemory()
+    {
+        if (mBytes != 0 && mMemory != MAP_FAILED)
+            ::munmap(mMemory, mBytes);
+    }
+    TouchedMemory(const TouchedMemory&) = delete;
+    TouchedMemory& operator=(const TouchedMemory&) = delete;
+
+    bool isThere() const { return mMemory != MAP_FAILED; }
+
+private:
+    const std::size_t mBytes;
+    void* mMemory = nullptr;
+};
+
+template <bool (*Launch)()>
+void StartAndWait(benchmark::State& state)
+{
+    const auto size = static_cast<std::size_t>(state.range(0));
+    if (size + 512 > AvailableMiB())
+        return state.SkipWithError("not enough memory");
+    const TouchedMemory memory(size << 20);
+    if (!memory.isThere())
+        return state.SkipWithError("not enough memory");
+    for (auto _ : state)
+        if (!Launch())
+            return state.SkipWithError("the program has failed");
+}
+
+void Sizes(benchmark::internal::Benchmark* benchmark)
+{
+    benchmark->UseRealTime()->Unit(benchmark::kMicrosecond)->Arg(0)->Arg(4096);
+}
+BENCHMARK_TEMPLATE(StartAndWait, LaunchOurs)->Apply(Sizes);
+BENCHMARK_TEMPLATE(StartAndWait, LaunchSpawn)->Apply(Sizes);
+#ifdef KY_HAVE_QT
+BENCHMARK_TEMPLATE(StartAndWait, LaunchQt)->Apply(Sizes);
+#endif
+#ifdef KY_HAVE_POCO
+BENCHMARK_TEMPLATE(StartAndWait, LaunchPoco)->Apply(Sizes);
+#endif
+#ifdef KY_HAVE_BOOST
+BENCHMARK_TEMPLATE(StartAndWait, LaunchBoost)->Apply(Sizes);
+#endif
+
+/// As services use it: with the log's thread and the signals taken over.
+struct FullLibrary {
+    FullLibrary() { ky::initializeKySystem(ky::InitType::Full, false); }
+    ~FullLibrary() { ky::terminateKySystem(); }
+} const sLibrary;
+
+}  // namespace

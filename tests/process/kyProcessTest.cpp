@@ -1,0 +1,638 @@
+#include "ky/kyProcess.h"
+
+#include "ky/kyException.h"
+#include "ky/kyThread.h"
+
+#include "frame/Guard.h"
+#include "support/Child.h"
+#include "support/Library.h"
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include <fcntl.h>
+#include <linux/sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+
+namespace fs = std::filesystem;
+using ky::kyProcess;
+using ky::test::ExpectChildPasses;
+using ky::test::RunInChild;
+using Words = std::vector<std::string>;
+
+namespace {
+
+constexpr unsigned int sAnyTimeMs = 60000;
+
+struct Process : ky::test::LightLibrary {
+    /// Where the program `sh` writes to it, its arguments being `script` and `words`.
+    bool startScript(const std::string& script, Words words = {})
+    {
+        words.insert(words.begin(), {"-c", script, "sh"});
+        return process.startProcess("sh", words);
+    }
+
+    const ky::test::TemporaryFolder folder;
+    kyProcess process;
+};
+
+using FullProcess = ky::test::FullLibrary;
+
+/// A pipe whose writing end is a file for programs that are started, "/dev/fd/N".
+class Output {
+public:
+    Output() { EXPECT_EQ(::pipe2(mEnds, 0), 0); }
+    std::string file() const { return "/dev/fd/" + std::to_string(mEnds[1]); }
+    /// Waits until everybody who could write has ended.
+    std::string take()
+    {
+        ::close(mEnds[1]);
+        std::string text;
+        char c = 0;
+        while (::read(mEnds[0], &c, 1) == 1)
+            text += c;
+        ::close(mEnds[0]);
+        return text;
+    }
+
+private:
+    int mEnds[2] = {-1, -1};
+};
+
+bool HasNoChild()
+{
+    return ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+class LibraryThread : public ky::kyThread {
+public:
+    explicit LibraryThread(std::function<void()> body) : mBody(std::move(body))
+    {
+        startLibraryThread("test");
+        waitThread(INT_MAX);
+    }
+
+private:
+    int run() override
+    {
+        mBody();
+        return 0;
+    }
+    const std::function<void()> mBody;
+};
+
+std::chrono::milliseconds TimeOf(const std::function<void()>& body)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    body();
+    return std::chrono::floor<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
+}
+
+/// A process of that number, which does nothing. -1 where we may not choose.
+pid_t ForkWithNumber(pid_t number)
+{
+    clone_args arguments = {};
+    arguments.exit_signal = SIGCHLD;
+    arguments.set_tid = reinterpret_cast<std::uintptr_t>(&number);
+    arguments.set_tid_size = 1;
+    const auto child = static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof(arguments)));
+    while (child == 0)
+        ::pause();
+    return child;
+}
+
+}  // namespace
+
+TEST_F(Process, TellsHowAProgramHasEndedOrThatItDidNotStart)
+{
+    const std::string script = folder.write("script", "exit 5");
+    const std::string secret = folder.write("secret", "exit 5");
+    fs::permissions(script, fs::perms::owner_all);
+    ::setenv("PATH", (folder.path("none") + ":" + folder.path("") + ":/usr/bin:/bin").c_str(), 1);
+    EXPECT_EQ(process.getState(), kyProcess::NotStarted);
+    EXPECT_TRUE(process.hasFailedToStart());
+    EXPECT_TRUE(process.waitForFinished(0));
+
+    const char* const failure = "process return an error";
+    const struct Row {
+        std::string program;
+        Words arguments;
+        bool isStarted, hasCrashed;
+        int exitCode;
+        const char* error;
+    } rows[] = {
+        {"true", {}, true, false, 0, ""},
+        {"sh", {"-c", "exit 3"}, true, false, 3, failure},
+        {"sh", {"-c", "ulimit -c 0; sleep 0.02; kill -SEGV $$"}, true, true, SIGSEGV, failure},
+        {"script", {}, true, false, 5, failure},
+        {script, {}, true, false, 5, failure},
+        {"secret", {}, false, false, 0, ""},
+        {secret, {}, false, false, 0, ""},
+        {folder.path(""), {}, false, false, 0, ""},
+        {"no such program", {}, false, false, 0, ""},
+        {"", {}, false, false, 0, ""},
+        {std::string("true\0", 5), {}, false, false, 0, ""},
+        {"/bin/true/true", {}, false, false, 0, ""},
+        {std::string(300, 'x'), {}, false, false, 0, ""},
+        {"tr\xff", {}, false, false, 0, ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.program);
+        std::string error = "old";
+        ASSERT_TRUE(process.startProcess(row.program, row.arguments));
+        EXPECT_TRUE(process.waitForFinished(UINT_MAX));
+        EXPECT_EQ(process.getState(), kyProcess::Finished);
+        EXPECT_EQ(process.hasFailedToStart(), !row.isStarted);
+        EXPECT_EQ(process.hasCrashed(), row.hasCrashed);
+        EXPECT_EQ(process.exitCode(), row.exitCode);
+        EXPECT_EQ(process.getProgramUtf8(), row.program);
+        EXPECT_EQ(kyProcess::ExecUtf8(row.program, row.arguments, "", false, sAnyTimeMs, &error),
+                  row.exitCode);
+        EXPECT_EQ(error, row.error);
+        EXPECT_EQ(kyProcess::StartDetachedUtf8(row.program, row.arguments), row.isStarted);
+    }
+    ::unsetenv("PATH");
+    EXPECT_EQ(kyProcess::ExecUtf8("sh", {"-c", "exit 3"}, "", false, sAnyTimeMs), 3);
+    ::setenv("PATH", "/usr/bin:/bin", 1);
+    EXPECT_TRUE(HasNoChild());
+    EXPECT_TRUE(process.resetState());
+    EXPECT_EQ(process.getState(), kyProcess::NotStarted);
+    EXPECT_TRUE(process.hasFailedToStart());
+}
+
+TEST_F(Process, RefusesChangesWhileItRunsAndEndsWhenTold)
+{
+    process.setWorkingDirectory("/");
+    ASSERT_TRUE(process.startProcess("sleep", {"1000"}));
+    EXPECT_FALSE(process.hasFailedToStart());
+    EXPECT_FALSE(process.setWorkingDirectory("/tmp"));
+    EXPECT_FALSE(process.setProcessEnvironmentUtf8({"A=B"}, true));
+    EXPECT_FALSE(process.resetState());
+    EXPECT_FALSE(process.startProcess("true", {}));
+    EXPECT_EQ(process.getWorkingDirectoryUtf8(), "/");
+    EXPECT_EQ(process.getArgumentsUtf8(), Words{"1000"});
+    EXPECT_EQ(process.exitCode(), 0);
+    for (const unsigned int timeoutMs : {0u, 30u})
+        EXPECT_GE(TimeOf([&] { EXPECT_FALSE(process.waitForFinished(timeoutMs)); }).count(),
+                  timeoutMs);
+    process.terminateProcess();
+    EXPECT_TRUE(process.waitForFinished(UINT_MAX));
+    EXPECT_TRUE(process.hasCrashed());
+    EXPECT_EQ(process.exitCode(), SIGTERM);
+    process.clearProcess();
+    EXPECT_EQ(process.getArgumentsUtf8(), Words{});
+
+    std::string error;
+    EXPECT_EQ(kyProcess::ExecUtf8("sleep", {"1000"}, "", false, 0, &error), -2);
+    EXPECT_EQ(error, "timeout");
+    EXPECT_TRUE(HasNoChild());
+}
+
+TEST_F(Process, NeverSignalsANumberThatItHasCollected)
+{
+    ASSERT_TRUE(process.startProcess("true", {}));
+    ASSERT_TRUE(process.waitForFinished(UINT_MAX));
+    const pid_t stranger = ForkWithNumber(process.getPid());
+    if (stranger == -1)
+        GTEST_SKIP() << "only the privileged may choose the number of a process";
+    process.killProcess();
+    process.terminateProcess();
+    unsigned long resident = 1;
+    unsigned long peak = 1;
+    EXPECT_FALSE(process.getMemoryStatistics(resident, peak));
+    EXPECT_EQ(::waitpid(stranger, nullptr, WNOHANG), 0) << "the stranger has ended";
+    ::kill(stranger, SIGKILL);
+    ::waitpid(stranger, nullptr, 0);
+}
+
+TEST_F(Process, TellsACrashWhenSomebodyElseCollectsTheChild)
+{
+    ExpectChildPasses([] {
+        std::signal(SIGCHLD, SIG_IGN);
+        std::string error;
+        EXPECT_EQ(kyProcess::ExecUtf8("true", {}, "", false, sAnyTimeMs, &error), -3);
+        EXPECT_EQ(error, "process has crashed");
+        std::signal(SIGCHLD, SIG_DFL);
+        // No program can be started any more.
+        EXPECT_TRUE(::geteuid() != 0 || ::setresuid(65534, 65534, 65534) == 0);
+        const rlimit none = {0, 0};
+        ::setrlimit(RLIMIT_NPROC, &none);
+        EXPECT_EQ(kyProcess::ExecUtf8("true", {}, "", false, sAnyTimeMs, &error), -1);
+        EXPECT_EQ(error, "Fail to start process");
+    });
+}
+
+TEST_F(Process, WaitsItsTimeThroughSignalsWithAndWithoutADescriptor)
+{
+    ExpectChildPasses([&] {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        ::sigaction(SIGALRM, &action, nullptr);
+        const itimerval often = {{0, 1000}, {0, 1000}};
+        ::setitimer(ITIMER_REAL, &often, nullptr);
+        const rlimit few = {64, 64};
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        for (const bool hasDescriptor : {true, false}) {
+            SCOPED_TRACE(hasDescriptor);
+            while (!hasDescriptor && ::open("/dev/null", O_RDONLY | O_CLOEXEC) != -1) {
+            }
+            EXPECT_GE(TimeOf([&] { process.startProcess("sleep", {"1000"}); }).count(), 9);
+            EXPECT_GE(TimeOf([&] { EXPECT_FALSE(process.waitForFinished(120)); }).count(), 120);
+            process.killProcess();
+            EXPECT_TRUE(process.waitForFinished(UINT_MAX));
+            EXPECT_EQ(process.exitCode(), SIGKILL);
+            process.startProcess("no such program", {});
+            EXPECT_TRUE(process.hasFailedToStart());
+            EXPECT_FALSE(process.hasCrashed());
+        }
+    });
+}
+
+// Rests on the 10 ms of a start, which the sanitizers' programs do not keep.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(Process, TakesAnEarlySuicideForAFailedStartAndALateFailureForACrash)
+{
+    bool hasFailed = false;
+    for (int i = 0; i < 1000 && !hasFailed; ++i) {
+        ASSERT_TRUE(startScript("kill -USR1 $$"));
+        ASSERT_TRUE(process.waitForFinished(UINT_MAX));
+        hasFailed = process.hasFailedToStart();
+        EXPECT_EQ(process.exitCode(), hasFailed ? 0 : SIGUSR1);
+        EXPECT_EQ(process.hasCrashed(), !hasFailed);
+    }
+    EXPECT_TRUE(hasFailed);
+
+    std::string path;
+    for (int i = 0; i < 100000; ++i)
+        path += "/none:";
+    ExpectChildPasses([&] {
+        ::setenv("PATH", path.c_str(), 1);
+        process.setProcessEnvironmentUtf8({"A=B"}, false);
+        ASSERT_TRUE(process.startProcess("no such program", {}));
+        EXPECT_FALSE(process.hasFailedToStart());
+        EXPECT_TRUE(process.hasCrashed());
+        EXPECT_EQ(process.exitCode(), SIGUSR1);
+    });
+}
+#endif
+
+TEST_F(FullProcess, NoticesEveryMissingProgramUnderLoadAndFromAGuardedThread)
+{
+    const ky::test::ChildResult result = RunInChild([] {
+        std::atomic<bool> isOver = false;
+        std::vector<std::thread> load;
+        for (int i = 0; i < 6; ++i)
+            load.emplace_back([&] {
+                while (!isOver)
+                    kyProcess().setProcessEnvironmentUtf8({"A=B", "C=D"}, true);
+            });
+        LibraryThread([] {
+            sigset_t blocked;
+            ::sigemptyset(&blocked);
+            ::sigaddset(&blocked, SIGUSR1);
+            ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+            for (int i = 0; i < 100; ++i) {
+                kyProcess process;
+                EXPECT_TRUE(process.startProcess("/no such program", {}));
+                EXPECT_TRUE(process.hasFailedToStart());
+                EXPECT_FALSE(kyProcess::StartDetachedUtf8("no such program", {}));
+            }
+        });
+        isOver = true;
+        for (std::thread& thread : load)
+            thread.join();
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out.find("SIGUSR1"), std::string::npos) << result.out;
+}
+
+TEST_F(FullProcess, LaunchesFromManyThreadsBesideBusyOnes)
+{
+    std::atomic<int> running = 16;
+    std::atomic<int> good = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 16; ++i)
+        threads.emplace_back([&] {
+            for (int k = 0; k < 10; ++k)
+                good += kyProcess::ExecUtf8("true", {"\u00e4"}, "", false, UINT_MAX) == 0;
+            --running;
+        });
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&] {
+            while (running != 0) {
+                kyProcess own;
+                own.setProcessEnvironmentUtf8({std::string(3000, 'x') + "=\u00e4"}, true);
+                kyProcess::GetCurrentProcess(own);
+                ky::kyLogObject(ky::kyLog::Debug) << own.getProgramUtf8();
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(good, 160);
+    EXPECT_TRUE(HasNoChild());
+}
+
+TEST_F(FullProcess, GivesTheProgramTheSignalsOfTheHostAndNoDescriptorOfOurs)
+{
+    const ky::test::TemporaryFolder folder;
+    ExpectChildPasses([&] {
+        ky::exception::impl::UnregisterSigWatcher();
+        std::signal(SIGHUP, SIG_IGN);
+        std::signal(SIGPIPE, SIG_DFL);
+        std::signal(SIGUSR2, [](int) {});
+        ky::exception::impl::RegisterSigWatcher();
+        sigset_t blocked;
+        ::sigemptyset(&blocked);
+        ::sigaddset(&blocked, SIGWINCH);
+        ::pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
+        ky::kyLog::Instance()->installFileHandlerUtf8(folder.path("our log"));
+        kyProcess other;
+        EXPECT_TRUE(other.startProcess("sleep", {"1000"}));
+
+        const auto check = [](const std::function<bool(const Words&)>& start) {
+            Output output;
+            // A shell changes its mask.
+            EXPECT_TRUE(
+                start({"/Sig(Blk|Ign)/ {print $1 $2 >\"" + output.file() +
+                           "\"} END {system(\"ls -l /proc/self/fd >" + output.file() + "\")}",
+                       "/proc/self/status"}));
+            const std::string text = output.take();
+            const Words lines = ky::test::Lines(text);
+            ASSERT_GT(lines.size(), 2u);
+            EXPECT_EQ(lines[0], "SigBlk:0000000008000000");
+            const unsigned long ignored = std::stoul(lines[1].substr(7), nullptr, 16);
+            EXPECT_EQ(ignored & 0x1001, 0x1u) << "SIGHUP and not SIGPIPE";
+            EXPECT_EQ(text.find("our log"), std::string::npos);
+            EXPECT_EQ(text.find("pidfd"), std::string::npos);
+        };
+        kyProcess attached;
+        const auto attach = [&](const Words& words) { return attached.startProcess("awk", words); };
+        const auto detach = [](const Words& words) {
+            return kyProcess::StartDetachedUtf8("awk", words);
+        };
+        check(attach);
+        check(detach);
+        EXPECT_TRUE(attached.waitForFinished(UINT_MAX));
+        LibraryThread([&] { check(attach); });
+        EXPECT_TRUE(attached.waitForFinished(UINT_MAX));
+        other.killProcess();
+        EXPECT_TRUE(other.waitForFinished(UINT_MAX));
+    });
+}
+
+TEST_F(Process, LeavesBufferedOutputAndExitHandlersToTheParent)
+{
+    const ky::test::ChildResult result = RunInChild([&] {
+        static_cast<void>(std::atexit([] { static_cast<void>(std::puts("handler")); }));
+        static_cast<void>(std::fputs("once", stdout));
+        process.startProcess("no such program", {});
+        kyProcess::StartDetachedUtf8("no such program", {});
+        kyProcess::StartDetachedUtf8("true", {});
+    });
+    EXPECT_EQ(result.out, "once");
+}
+
+TEST_F(Process, MergesEnvironmentsByNameAndPassesEveryArgument)
+{
+    struct Row {
+        Words own, set;
+        bool isMerged;
+        Words expected;
+    };
+    const Row rows[] = {
+        {{"A=1", "B=\xff"}, {}, false, {"A=1", "B=\xff"}},
+        {{"A=1", "B=\xff"}, {}, true, {"A=1", "B=\xff"}},
+        {{"A=1"}, {"C=3", "C=4", "word"}, false, {"C=3", "C=4", "word"}},
+        {{"A=1", "B=\xff", "C=3"},
+         {"Z=9", "C=4", "Y=8"},
+         true,
+         {"A=1", "B=\xff", "C=4", "Z=9", "Y=8"}},
+        {{"A=1", "A=2", "AB=3"}, {"A=4", "A=", "C=5", "C=6=7"}, true, {"A=", "AB=3", "C=6=7"}},
+        {{"word", "A=1"}, {"other", "A=\xff", "word=2"}, true, {"word", "A=1", "other", "word=2"}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        const ky::test::ChildResult result = RunInChild([&] {
+            std::vector<char*> own;
+            for (const std::string& entry : row.own)
+                own.push_back(const_cast<char*>(entry.c_str()));
+            own.push_back(nullptr);
+            environ = own.data();
+            process.setProcessEnvironmentUtf8(row.set, row.isMerged);
+            process.startProcess("/usr/bin/env", {});
+            process.waitForFinished(UINT_MAX);
+        });
+        EXPECT_EQ(ky::test::Lines(result.out), row.expected) << result.err;
+    }
+    Output output;
+    startScript("printf '[%s]' \"$@\" >" + output.file(),
+                {"a b", "", std::string("x\0y", 3), "bad \xff", "*"});
+    EXPECT_EQ(output.take(), "[a b][][x][][*]");
+}
+
+TEST_F(Process, ResolvesTheProgramAgainstTheWorkingDirectory)
+{
+    Output output;
+    const std::string program = folder.write("own", "echo \"$0 $PWD\" >" + output.file());
+    fs::permissions(program, fs::perms::owner_all);
+    fs::create_directory(folder.path("true"));
+    process.setWorkingDirectory(folder.path(""));
+    for (const bool isResolved : {false, true}) {
+        process.startProcess("own", {}, isResolved);
+        EXPECT_EQ(process.hasFailedToStart(), !isResolved);
+        // A folder is found, and then does not start.
+        process.waitForFinished(UINT_MAX);
+        process.startProcess("true", {}, isResolved);
+        EXPECT_EQ(process.hasFailedToStart(), isResolved);
+        process.waitForFinished(UINT_MAX);
+    }
+    EXPECT_EQ(kyProcess::ExecUtf8("own", {}, folder.path(""), true, sAnyTimeMs), 0);
+    EXPECT_TRUE(kyProcess::StartDetachedUtf8("own", {}, folder.path(""), true));
+    const std::string line = program + " " + fs::path(program).parent_path().string() + "\n";
+    EXPECT_EQ(output.take(), line + line + line);
+}
+
+TEST_F(Process, WarnsOnceOfAWorkingDirectoryThatItCannotEnter)
+{
+    for (const std::string directory : {"/none", "/\xff"}) {
+        const ky::test::ChildResult result = RunInChild([&] {
+            kyProcess::ExecUtf8("pwd", {}, directory, false, sAnyTimeMs);
+            EXPECT_TRUE(kyProcess::StartDetachedUtf8("true", {}, directory));
+        });
+        const Words lines = ky::test::Lines(result.out);
+        ASSERT_EQ(lines.size(), 3u) << result.out;
+        EXPECT_EQ(lines[0], fs::current_path());
+        const std::string warning =
+            "Beware, could not change current working directory in "
+            "startProcess ";
+        for (const int i : {1, 2}) {
+            EXPECT_EQ(lines[i].find("WARNING "), 0u) << lines[i];
+            EXPECT_NE(lines[i].find(" : " + warning + directory), std::string::npos) << lines[i];
+        }
+    }
+}
+
+TEST_F(Process, SetsAbsoluteNiceValues)
+{
+    const bool isPrivileged = ::geteuid() == 0;
+    const struct {
+        unsigned int priority;
+        const char* name;
+        std::string nice;
+    } rows[] = {{0, "Low", isPrivileged ? "1" : "5"},
+                {1, "Normal", isPrivileged ? "0" : "5"},
+                {2, "High", isPrivileged ? "-1" : "5"},
+                {3, "Inherit", "5"},
+                {4, "Unknown", "5"},
+                {7, "Unknown", "5"}};
+    for (const auto& row : rows) {
+        const auto priority = static_cast<kyProcess::ProcessPriority>(row.priority);
+        EXPECT_EQ(kyProcess::ProcessPriorityToString(priority), row.name);
+        const ky::test::ChildResult result = RunInChild([&] {
+            ::setpriority(PRIO_PROCESS, 0, 5);
+            process.startProcess("nice", {}, false, priority);
+            process.waitForFinished(UINT_MAX);
+        });
+        EXPECT_EQ(result.out, row.nice + "\n") << row.name;
+    }
+}
+
+TEST_F(Process, StartsACommandLineInTheFolderOfItsProgram)
+{
+    Output output;
+    const std::string program = folder.write("a program", "echo \"$PWD|$1|$2\" >" + output.file());
+    fs::permissions(program, fs::perms::owner_all);
+    EXPECT_TRUE(kyProcess::StartDetachedUtf8("\"" + program + "\" one\t\"t \\\"wo\\\"\""));
+    EXPECT_FALSE(kyProcess::StartDetachedUtf8("true")) << "PATH was searched";
+    EXPECT_TRUE(HasNoChild());
+    EXPECT_EQ(output.take(), fs::path(program).parent_path().string() + "|one|t \"wo\"\n");
+}
+
+TEST_F(Process, SplitsCommandLines)
+{
+    const struct {
+        std::string line;
+        Words words;  // none where it fails
+        bool isReported;
+    } rows[] = {
+        {"prog a  b\t c ", {"prog", "a", "b", "c"}, false},
+        {" \"my prog\" \"\" 'x y'", {"my prog", "", "'x", "y'"}, false},
+        {"p a\nb", {"p", "a\nb"}, false},
+        {"\"p\"a\"b\"\"c\"", {"p", "a\"b"}, true},
+        {"\"p\"a \"b\"\"c\"", {"p", "a", "b", "c"}, false},
+        {R"(p "a \"b\" c\d\\" e\f)", {"p", "a \"b\" c\\d\\\" e\\f"}, true},
+        {R"(p "a\\"b" e\f)", {"p", "a\\\"b", "e\\f"}, false},
+        {"p \"a", {}, true},
+        {"p a\"b", {}, true},
+        {"p a\\\"b", {}, true},
+        {"", {}, false},
+        {" \t", {}, false},
+        {"\"\" a", {}, false},
+    };
+    ky::test::CaughtStream output(std::cout);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        std::string program = "old";
+        Words words = {"old"};
+        const bool isGood = !row.words.empty() && !row.isReported;
+        EXPECT_EQ(kyProcess::SplitCommandLine(row.line, program, words), isGood);
+        const std::string message =
+            " : Fail to split command line : '" + row.line + "' : Bad command line\n";
+        const std::string text = output.take();
+        EXPECT_EQ(text.find("CRITICAL ") == 0, row.isReported) << text;
+        EXPECT_EQ(text.find(message) != std::string::npos, row.isReported) << text;
+        words.insert(words.begin(), program);
+        EXPECT_EQ(words, isGood ? row.words : Words{""});
+    }
+}
+
+TEST_F(Process, DescribesItselfAndItsParent)
+{
+    const Words arguments = {"--gtest_filter=Process.DescribesItselfAndItsParent", "", "a b", "",
+                             std::string(5000, 'x')};
+    std::string parent;
+    if (const char* const number = std::getenv("KY_TEST_PARENT"))
+        parent = number;
+    if (parent.empty()) {
+        ::setenv("KY_TEST_PARENT", std::to_string(::getpid()).c_str(), 1);
+        ASSERT_TRUE(process.startProcess("/proc/self/exe", arguments));
+        EXPECT_TRUE(process.waitForFinished(UINT_MAX));
+        EXPECT_FALSE(process.hasFailedToStart());
+        EXPECT_EQ(process.exitCode(), 0);
+        return;
+    }
+    ASSERT_TRUE(kyProcess::GetCurrentProcess(process));
+    EXPECT_EQ(process.getProgramUtf8(), fs::read_symlink("/proc/self/exe"));
+    EXPECT_EQ(process.getWorkingDirectoryUtf8(), fs::current_path());
+    EXPECT_EQ(process.getPid(), ::getpid());
+    EXPECT_FALSE(process.hasFailedToStart());
+    EXPECT_FALSE(process.waitForFinished(UINT_MAX));
+    EXPECT_FALSE(process.setWorkingDirectory("/"));
+    Words words = process.getArgumentsUtf8();
+    ASSERT_EQ(words.size(), arguments.size());
+    EXPECT_LT(words.back().size(), 4096u);
+    words.back() = arguments.back();
+    EXPECT_EQ(words, arguments);
+    Words environment;
+    process.getProcessEnvironmentUtf8(environment);
+    EXPECT_NE(std::find(environment.begin(), environment.end(), "KY_TEST_PARENT=" + parent),
+              environment.end());
+    unsigned long resident = 0;
+    unsigned long peak = 0;
+    EXPECT_TRUE(process.getMemoryStatistics(resident, peak));
+    EXPECT_TRUE(resident > 0 && resident < peak && resident % 1024 == 0) << resident;
+
+    ASSERT_TRUE(kyProcess::GetParentProcess(process));
+    EXPECT_EQ(std::to_string(process.getPid()), parent);
+    EXPECT_FALSE(process.waitForFinished(0));
+    EXPECT_NE(process.getProgramUtf8(), "");
+}
+
+TEST_F(Process, NoticesTheEndOfTheParent)
+{
+    Output fromGrandchild;
+    ExpectChildPasses([&] {
+        int goOn[2];
+        ASSERT_EQ(::pipe2(goOn, O_CLOEXEC), 0);
+        if (::fork() != 0) {
+            char ready = 0;
+            EXPECT_EQ(::read(goOn[0], &ready, 1), 1);
+            return;
+        }
+        bool isGood = kyProcess::GetParentProcess(process) &&
+                      process.getState() == kyProcess::Running && ::write(goOn[1], "r", 1) == 1;
+        isGood = isGood && process.waitForFinished(UINT_MAX);
+        const int fd = ::open(fromGrandchild.file().c_str(), O_WRONLY | O_CLOEXEC);
+        ::_exit(isGood && ::write(fd, "y", 1) == 1 ? 0 : 1);
+    });
+    EXPECT_EQ(fromGrandchild.take(), "y");
+}
+
+TEST_F(Process, TellsTheMemoryOfAChild)
+{
+    unsigned long resident = 1;
+    unsigned long peak = 1;
+    EXPECT_FALSE(process.getMemoryStatistics(resident, peak));
+    EXPECT_EQ(resident + peak, 0u);
+    ASSERT_TRUE(process.startProcess("sleep", {"1000"}));
+    EXPECT_TRUE(process.getMemoryStatistics(resident, peak));
+    EXPECT_TRUE(resident > 0 && resident < peak) << resident << " " << peak;
+    process.killProcess();
+    siginfo_t info = {};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(process.getPid()), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_TRUE(process.getMemoryStatistics(resident, peak));
+    EXPECT_EQ(resident + peak, 0u);
+    EXPECT_EQ(process.exitCode(), SIGKILL);
+    EXPECT_FALSE(process.getMemoryStatistics(resident, peak));
+}
