@@ -23,15 +23,18 @@ class ChildStacks {
 public:
     explicit ChildStacks(std::size_t count) : mBytes(count * (sGuardBytes + sStackBytes))
     {
-        void* const memory = ::mmap(nullptr, mBytes, PROT_NONE,
-                                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
+        void* const memory = ::mmap(nullptr, mBytes, PROT_READ | PROT_WRITE,
+                                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
         if (memory == MAP_FAILED)
             return;
         mMemory = static_cast<char*>(memory);
-        for (std::size_t i = 0; i < count; ++i)
-            mIsUsable =
-                ::mprotect(top(i) - sStackBytes, sStackBytes, PROT_READ | PROT_WRITE) == 0 &&
-                (mIsUsable || i == 0);
+        mIsUsable = true;
+        for (std::size_t i = 0; i < count; ++i) {
+            char* const guard = top(i) - sStackBytes - sGuardBytes;
+            mIsUsable = ::mprotect(guard, sGuardBytes, PROT_NONE) == 0 && mIsUsable;
+            // So that the child has no page fault, which would wait for what busy threads hold.
+            top(i)[-1] = 0;
+        }
     }
     ~ChildStacks()
     {
