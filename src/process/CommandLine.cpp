@@ -13,20 +13,20 @@ bool Split(const std::string& line, std::vector<std::string>& words)
     enum class Place { Between, InWord, InQuotes } place = Place::Between;
     char previous = '\0';
     for (const char c : line) {
-        const bool isBlank = c == ' ' || c == '\t';
-        if (place == Place::InQuotes && c == '"' && previous == '\\') {
-            words.back().back() = c;
-        } else if (place == Place::InQuotes && c == '"') {
-            place = Place::Between;
-        } else if (place == Place::InQuotes) {
-            words.back() += c;
-        } else if (isBlank) {
-            place = Place::Between;
-        } else if (c == '"' && place == Place::InWord) {
-            return false;
+        if (place == Place::InQuotes) {
+            if (c != '"')
+                words.back() += c;
+            else if (previous == '\\')
+                words.back().back() = c;
+            else
+                place = Place::Between;
         } else if (c == '"') {
+            if (place == Place::InWord)
+                return false;
             place = Place::InQuotes;
             words.emplace_back();
+        } else if (c == ' ' || c == '\t') {
+            place = Place::Between;
         } else {
             if (place == Place::Between)
                 words.emplace_back();

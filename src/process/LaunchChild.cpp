@@ -1,6 +1,5 @@
 #include "process/LaunchChild.h"
 
-#include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -99,18 +98,21 @@ void SetSignalMask(int how, std::uint64_t mask) noexcept
     Exit();
 }
 
+bool HasHandler(int signal) noexcept
+{
+    SignalAction current;
+    return Call(SYS_rt_sigaction, signal, 0, Address(&current), sizeof(current.mask)) == 0 &&
+           current.handler != SIG_DFL && current.handler != SIG_IGN;
+}
+
 /// No handler may be left when signals are unblocked: it would run on the parent's data.
 void PrepareSignals(const LaunchPlan& plan) noexcept
 {
     for (int signal = 1; signal <= sSignals; ++signal) {
         const std::uint64_t bit = 1UL << (signal - 1);
-        SignalAction current;
         if ((plan.signalsToIgnore & bit) != 0)
             SetAction(signal, SIG_IGN);
-        else if ((plan.signalsToDefault & bit) != 0)
-            SetAction(signal, SIG_DFL);
-        else if (Call(SYS_rt_sigaction, signal, 0, Address(&current), sizeof(current.mask)) == 0 &&
-                 current.handler != SIG_DFL && current.handler != SIG_IGN)
+        else if ((plan.signalsToDefault & bit) != 0 || HasHandler(signal))
             SetAction(signal, SIG_DFL);
     }
     SetSignalMask(SIG_SETMASK, plan.signalMask);
