@@ -1,0 +1,259 @@
+#include "fs/ReplaceFile.h"
+
+#include "fs/SameFile.h"
+#include "fs/ScopedHandles.h"
+
+#include <vector>
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+
+namespace ky {
+namespace {
+
+using impl::RetryOnEintr;
+using impl::ScopedFd;
+
+constexpr const char* sOpenFailure = "Fail to open ";
+constexpr const char* sWriteFailure = "Fail to write ";
+
+/// What the last name of a path leads to, which need not be there. Empty after too many links.
+std::string FollowLinks(std::string path)
+{
+    constexpr int maxLinks = 40;  // path_resolution(7)
+    for (int i = 0; i < maxLinks; ++i) {
+        char target[PATH_MAX];
+        const ssize_t size = ::readlink(path.c_str(), target, sizeof target);
+        if (size == -1)
+            return path;
+        if (target[0] != '/')
+            path.resize(path.rfind('/') + 1);
+        else
+            path.clear();
+        path.append(target, static_cast<std::size_t>(size));
+    }
+    return {};
+}
+
+/// A new file beside another, removed unless it is put in its place.
+class Replacement {
+public:
+    Replacement() = default;
+    ~Replacement()
+    {
+        if (mFd) {
+            const int savedErrno = errno;
+            ::unlink(mPath.c_str());
+            errno = savedErrno;
+        }
+    }
+    Replacement(const Replacement&) = delete;
+    Replacement& operator=(const Replacement&) = delete;
+
+    bool create(const std::string& target, mode_t mode)
+    {
+        do {
+            std::uint64_t number = 0;
+            if (::getrandom(&number, sizeof number, 0) != sizeof number)
+                return false;
+            char name[32];
+            static_cast<void>(std::snprintf(name, sizeof name, ".ky-%016lx.tmp", number));
+            mPath = target.substr(0, target.rfind('/') + 1) + name;
+            mFd = ScopedFd(RetryOnEintr([&] {
+                return ::open(mPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+            }));
+        } while (!mFd && errno == EEXIST);
+        return static_cast<bool>(mFd);
+    }
+
+    bool takePlaceOf(const std::string& target)
+    {
+        if (::rename(mPath.c_str(), target.c_str()) != 0)
+            return false;
+        mFd.reset();
+        return true;
+    }
+
+    int fd() const { return mFd.get(); }
+
+private:
+    std::string mPath;
+    ScopedFd mFd;
+};
+
+/// All of an extended attribute, or of their list: `get` is asked for the size first.
+template <typename Get>
+bool ReadAttribute(Get get, std::vector<char>& value)
+{
+    const ssize_t size = get(nullptr, 0);
+    if (size == -1)
+        return false;
+    value.resize(static_cast<std::size_t>(size));
+    if (size == 0)
+        return true;
+    const ssize_t got = get(value.data(), value.size());
+    value.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return got != -1;
+}
+
+bool CopyAttribute(int from, int to, const char* name)
+{
+    std::vector<char> value;
+    std::vector<char> present;
+    if (!ReadAttribute(
+            [&](char* data, std::size_t size) { return ::fgetxattr(from, name, data, size); },
+            value))
+        return false;
+    // A security label is often there already and then not ours to set.
+    return (ReadAttribute(
+                [&](char* data, std::size_t size) { return ::fgetxattr(to, name, data, size); },
+                present) &&
+            present == value) ||
+           ::fsetxattr(to, name, value.data(), value.size(), 0) == 0;
+}
+
+/// An access list is an attribute too (acl(5)).
+bool CopyAttributes(int from, int to)
+{
+    // The folder may have given one to the new file, whose mode says all otherwise.
+    ::fremovexattr(to, "system.posix_acl_access");
+    std::vector<char> names;
+    if (!ReadAttribute([&](char* data, std::size_t size) { return ::flistxattr(from, data, size); },
+                       names))
+        return errno == ENOTSUP;
+    for (const char* name = names.data(); name < names.data() + names.size();
+         name += std::string_view(name).size() + 1)
+        if (!CopyAttribute(from, to, name))
+            return false;
+    return true;
+}
+
+bool MakeAlike(int fd, int original)
+{
+    struct stat wanted;
+    struct stat present;
+    if (::fstat(original, &wanted) != 0 || ::fstat(fd, &present) != 0)
+        return false;
+    const bool hasOwner = wanted.st_uid == present.st_uid && wanted.st_gid == present.st_gid;
+    // The mode last: a change of owner clears bits of it.
+    return (hasOwner || ::fchown(fd, wanted.st_uid, wanted.st_gid) == 0) &&
+           CopyAttributes(original, fd) && ::fchmod(fd, wanted.st_mode & ALLPERMS) == 0;
+}
+
+bool WriteAll(int fd, std::string_view content)
+{
+    while (!content.empty()) {
+        const ssize_t written =
+            RetryOnEintr([&] { return ::write(fd, content.data(), content.size()); });
+        if (written == -1)
+            return false;
+        content.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+/// A late error of writing comes here at the latest. Pipes and the like cannot be flushed.
+bool Flush(int fd)
+{
+    return RetryOnEintr([&] { return ::fsync(fd); }) == 0 || errno == EINVAL || errno == EROFS ||
+           errno == ENOTSUP;
+}
+
+bool HasNoRoom(int errorNumber)
+{
+    return errorNumber == ENOSPC || errorNumber == EDQUOT || errorNumber == EFBIG;
+}
+
+/// Over the old bytes, for which room is made first, so that a full disk leaves them as they are.
+const char* WriteOver(int fd, std::string_view content)
+{
+    const auto size = static_cast<off_t>(content.size());
+    if (RetryOnEintr([&] { return ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size); }) != 0 &&
+        HasNoRoom(errno))
+        return sWriteFailure;
+    if (WriteAll(fd, content) && ::ftruncate(fd, size) == 0 && Flush(fd))
+        return nullptr;
+    return sWriteFailure;
+}
+
+const char* WriteToSpecial(const std::string& localPath, std::string_view content)
+{
+    const ScopedFd fd(RetryOnEintr(
+        [&] { return ::open(localPath.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY); }));
+    if (!fd)
+        return sOpenFailure;
+    return WriteAll(fd.get(), content) && Flush(fd.get()) ? nullptr : sWriteFailure;
+}
+
+/// Whether writing in place may succeed where replacing has failed. EBUSY: a file that is mounted,
+/// into a container say.
+bool MayWriteInPlace(int errorNumber)
+{
+    return errorNumber == EACCES || errorNumber == EPERM || errorNumber == EBUSY ||
+           errorNumber == ENAMETOOLONG;
+}
+
+const char* ReplaceExisting(const std::string& target, const ScopedFd& original,
+                            std::string_view content)
+{
+    {
+        Replacement replacement;
+        constexpr mode_t ownerOnly = 0600;
+        if (!replacement.create(target, ownerOnly)) {
+            if (!MayWriteInPlace(errno))
+                return sWriteFailure;
+        } else if (MakeAlike(replacement.fd(), original.get())) {
+            if (!WriteAll(replacement.fd(), content) || !Flush(replacement.fd()))
+                return sWriteFailure;
+            if (replacement.takePlaceOf(target))
+                return nullptr;
+            if (!MayWriteInPlace(errno))
+                return sWriteFailure;
+        }
+    }
+    return WriteOver(original.get(), content);
+}
+
+const char* CreateWhole(const std::string& target, std::string_view content)
+{
+    Replacement file;
+    constexpr mode_t everyone = 0666;
+    if (!file.create(target, everyone))
+        return sOpenFailure;
+    return WriteAll(file.fd(), content) && Flush(file.fd()) && file.takePlaceOf(target)
+               ? nullptr
+               : sWriteFailure;
+}
+
+}  // namespace
+
+const char* impl::ReplaceFile(const std::string& localPath, std::string_view content)
+{
+    struct stat status;
+    const bool exists = ::stat(localPath.c_str(), &status) == 0;
+    if (!exists && (errno != ENOENT || localPath.empty()))
+        return sOpenFailure;
+    const std::string target = FollowLinks(localPath);
+    if (!exists)
+        return CreateWhole(target, content);
+    if (!S_ISREG(status.st_mode))
+        return WriteToSpecial(localPath, content);
+    // Not writable is not replaceable either, although the folder would allow it.
+    const ScopedFd original(
+        RetryOnEintr([&] { return ::open(localPath.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY); }));
+    if (!original)
+        return sOpenFailure;
+    // The links of /proc/PID/fd can lead to a file whose name is gone.
+    return IsAtPath(original.get(), target, AT_SYMLINK_NOFOLLOW)
+               ? ReplaceExisting(target, original, content)
+               : WriteOver(original.get(), content);
+}
+
+}  // namespace ky
