@@ -3,6 +3,7 @@
 #include "fs/SameFile.h"
 #include "fs/ScopedHandles.h"
 
+#include <algorithm>
 #include <vector>
 
 #include <fcntl.h>
@@ -171,16 +172,32 @@ bool HasNoRoom(int errorNumber)
     return errorNumber == ENOSPC || errorNumber == EDQUOT || errorNumber == EFBIG;
 }
 
-/// Over the old bytes, for which room is made first, so that a full disk leaves them as they are.
+bool WriteAt(int fd, std::size_t position, std::string_view content)
+{
+    return ::lseek(fd, static_cast<off_t>(position), SEEK_SET) != -1 && WriteAll(fd, content);
+}
+
+/// Over the old bytes, but first what goes behind them, so that what there is no room for leaves
+/// them as they are.
 const char* WriteOver(int fd, std::string_view content)
 {
-    const auto size = static_cast<off_t>(content.size());
-    if (RetryOnEintr([&] { return ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size); }) != 0 &&
-        HasNoRoom(errno))
+    struct stat before;
+    if (::fstat(fd, &before) != 0)
         return sWriteFailure;
-    if (WriteAll(fd, content) && ::ftruncate(fd, size) == 0 && Flush(fd))
-        return nullptr;
-    return sWriteFailure;
+    const auto size = static_cast<off_t>(content.size());
+    const std::size_t head = std::min(content.size(), static_cast<std::size_t>(before.st_size));
+    const bool isFull =
+        RetryOnEintr([&] { return ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size); }) != 0 &&
+        HasNoRoom(errno);
+    if (isFull || !WriteAt(fd, head, content.substr(head))) {
+        const int savedErrno = errno;
+        static_cast<void>(::ftruncate(fd, before.st_size));
+        errno = savedErrno;
+        return sWriteFailure;
+    }
+    return WriteAt(fd, 0, content.substr(0, head)) && ::ftruncate(fd, size) == 0 && Flush(fd)
+               ? nullptr
+               : sWriteFailure;
 }
 
 const char* WriteToSpecial(const std::string& localPath, std::string_view content)

@@ -16,6 +16,7 @@ constexpr int sUsageError = 2;
 /// and stores its outcome in `exitCode`.
 void AddCrash(CLI::App& app, int& exitCode);
 void AddInfo(CLI::App& app, int& exitCode);
+void AddIni(CLI::App& app, int& exitCode);
 void AddLog(CLI::App& app, int& exitCode);
 void AddMime(CLI::App& app, int& exitCode);
 void AddPipe(CLI::App& app, int& exitCode);

@@ -61,6 +61,7 @@ int main(int argc, char** argv)
                          kySystem::Version::GetDescStringMajorMinorReleaseRevision(true, true));
     ky::tool::AddCrash(app, exitCode);
     ky::tool::AddInfo(app, exitCode);
+    ky::tool::AddIni(app, exitCode);
     ky::tool::AddLock(app, {argv + std::min(end + 1, argc), argv + argc}, exitCode);
     ky::tool::AddLog(app, exitCode);
     ky::tool::AddMime(app, exitCode);
