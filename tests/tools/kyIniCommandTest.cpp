@@ -45,10 +45,10 @@ TEST(IniCommand, ReadsChangesListsAndChecks)
          1,
          "",
          "ky: bad.ini: Invalid line (3) no line in Ini file\n"},
-        {{"set", "/dev/full", "k", "2"},
+        {{"set", "none/new.ini", "k", "2"},
          1,
          "",
-         "ky: Fail to write /dev/full, System error : '(28) ENOSPC No space left on device'\n"},
+         "ky: Fail to open none/new.ini, System error : '(2) ENOENT No such file or directory'\n"},
     };
     for (const auto& row : rows) {
         std::vector<std::string> command = {KY_COMMAND, "ini"};
