@@ -106,9 +106,10 @@ kyVariant::kyVariant(const kyVariant& other)
     }
 }
 
-kyVariant::kyVariant(kyVariant&& other) noexcept
-    : mValue(std::exchange(other.mValue, std::monostate()))
-{}
+kyVariant::kyVariant(kyVariant&& other) noexcept : mValue(std::move(other.mValue))
+{
+    other.mValue = Value();
+}
 
 kyVariant::~kyVariant()
 {
@@ -124,16 +125,17 @@ kyVariant& kyVariant::operator=(const kyVariant& other)
 
 kyVariant& kyVariant::operator=(kyVariant&& other) noexcept
 {
+    // `other` may be a part of what goes.
     kyVariant taken(std::move(other));
-    mValue.swap(taken.mValue);
+    mValue = std::move(taken.mValue);
+    taken.mValue = Value();
     return *this;
 }
 
 kyVariant& kyVariant::rest() noexcept
 {
-    if (getType() == Map)
-        return std::get<Map>(mValue)->rest;
-    return std::get<List>(mValue)->rest;
+    const auto* const map = std::get_if<Map>(&mValue);
+    return map != nullptr ? (*map)->rest : (*std::get_if<List>(&mValue))->rest;
 }
 
 /// Takes every map and list out of the one that it is in before that is destroyed. What waits is
@@ -157,7 +159,7 @@ void kyVariant::dismantle() noexcept
             for (auto& entry : current.editMap()->mEntries)
                 take(entry.second);
         }
-        current.mValue = std::monostate();
+        current.mValue = Value();
     }
 }
 
