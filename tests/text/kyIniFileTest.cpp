@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -395,10 +396,12 @@ TEST_F(IniFile, IsWholeWhoeverSavesAndDies)
         std::vector<pid_t> savers;
         for (const int own : {0, 1}) {
             savers.push_back(::fork());
-            if (savers.back() == 0)
-                for (int i = own;; i = 1 - i)
-                    if (!SaveIniFile(path, contents[i], false))
-                        ::_exit(1);
+            if (savers.back() != 0)
+                continue;
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            for (int i = own; SaveIniFile(path, contents[i], false);)
+                i = 1 - i;
+            ::_exit(1);
         }
         // Until both have been seen at work, killed wherever they are then.
         bool isSeen[2] = {};

@@ -54,10 +54,11 @@ private:
     static void Print(std::list<kyLog::LogEntry>& batch, void* self)
     {
         const Session& session = *static_cast<const Session*>(self);
-        for (const kyLog::LogEntry& entry : batch)
-            static_cast<void>(Fail(entry.message.find(session.mPath) == std::string::npos
-                                       ? session.mName + ": " + entry.message
-                                       : entry.message));
+        for (const kyLog::LogEntry& entry : batch) {
+            const bool hasName =
+                !session.mPath.empty() && entry.message.find(session.mPath) != std::string::npos;
+            static_cast<void>(Fail((hasName ? "" : session.mName + ": ") + entry.message));
+        }
     }
 
     const std::string mName;
