@@ -7,6 +7,7 @@
 #include "ky/kyWaitCondition.h"
 
 #include "frame/ResourceRegistry.h"
+#include "frame/MainThread.h"
 #include "frame/State.h"
 #include "text/MimeTable.h"
 #include "thread/ProcessPool.h"
@@ -23,6 +24,7 @@ impl::LibInitCounter sFullCounter("systemfull", false);
 void StartLight()
 {
     impl::State::SetLevel(static_cast<int>(InitType::Light));
+    impl::RecordMainThread();
     // First of all: whatever is created after it may have something to report.
     kyLog::createInstance(false);
     kyMathUtils::InitializeLaneMasks();
@@ -96,6 +98,7 @@ void terminateKySystem()
     kyStringUtils::TerminateStringUtils();
     kySystemUtils::TerminateSystemUtils();
     kyLog::destroyInstance();
+    impl::ForgetMainThread();
     impl::State::SetLevel(0);
 }
 

@@ -1,0 +1,206 @@
+#include "ky/kyCancelConsoleEventCatcher.h"
+#include "ky/kyDirUtils.h"
+#include "ky/kyLockFile.h"
+#include "ky/kyLog.h"
+#include "ky/kySemaphore.h"
+#include "ky/kySystemUtils.h"
+#include "ky/kyThread.h"
+
+#include "support/Asleep.h"
+#include "support/Child.h"
+#include "support/Library.h"
+
+#include <atomic>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstddef>
+
+using ky::kyThread;
+using Catcher = ky::kyCancelConsoleEventCatcher;
+
+namespace {
+
+bool IsDefault(int signal)
+{
+    struct sigaction action = {};
+    ::sigaction(signal, nullptr, &action);
+    return action.sa_handler == SIG_DFL;
+}
+
+/// From now on the system refuses to set the action of SIGINT (seccomp(2)).
+void ForbidActionOfSigint()
+{
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_rt_sigaction, 0, 4),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SIGINT, 0, 2),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+    };
+    sock_fprog program = {std::size(filter), filter};
+    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+/// Tries both calls on the calling thread, and tells whether they did anything.
+bool MayCatch()
+{
+    Catcher::Create();
+    const bool isInstalled = Catcher::Get() != nullptr && !IsDefault(SIGTERM);
+    Catcher::Delete();
+    return isInstalled && Catcher::Get() == nullptr && IsDefault(SIGTERM);
+}
+
+bool MayCatchOnThread()
+{
+    bool result = false;
+    std::thread([&] { result = MayCatch(); }).join();
+    return result;
+}
+
+}  // namespace
+
+TEST(ConsoleEventCatcher, TurnsSignalsIntoARequestUntilItIsDeleted)
+{
+    const auto result = ky::test::RunInChild([] {
+        ky::initializeKySystem(ky::InitType::Full, false);
+        EXPECT_EQ(Catcher::Get(), nullptr);
+        Catcher::Create();
+        const Catcher* const catcher = Catcher::Get();
+        EXPECT_FALSE(catcher->shouldCancel());
+
+        // The host's blocking call ends, so that the host can ask.
+        int ends[2];
+        ASSERT_EQ(::pipe(ends), 0);
+        std::thread sender([self = ::pthread_self(), id = std::to_string(::gettid())] {
+            ky::test::WaitUntilAsleep(id);
+            ::pthread_kill(self, SIGTERM);
+        });
+        char byte = 0;
+        EXPECT_EQ(::read(ends[0], &byte, 1), -1);
+        EXPECT_EQ(errno, EINTR);
+        sender.join();
+        EXPECT_TRUE(catcher->shouldCancel());
+
+        errno = ERANGE;
+        ::raise(SIGINT);
+        EXPECT_EQ(errno, ERANGE);
+        // kept: the instance stays, the handlers are installed again.
+        ::signal(SIGINT, SIG_DFL);
+        Catcher::Create();
+        EXPECT_EQ(Catcher::Get(), catcher);
+        EXPECT_FALSE(IsDefault(SIGINT));
+        EXPECT_FALSE(Catcher::GetProxy()->shouldCancel());
+
+        Catcher::Delete();
+        EXPECT_EQ(Catcher::Get(), nullptr);
+        Catcher::Create();
+        EXPECT_TRUE(Catcher::Get()->shouldCancel()) << "kept: never taken back";
+        Catcher::Delete();
+        // kept: also without an instance, and not the crash report that was there before.
+        ::signal(SIGINT, SIG_IGN);
+        Catcher::Delete();
+        EXPECT_TRUE(IsDefault(SIGINT));
+        if (!::testing::Test::HasFailure())
+            ::raise(SIGTERM);
+    });
+    EXPECT_EQ(result.signal, SIGTERM) << result.err;
+    EXPECT_EQ(result.out + result.err, "");
+}
+
+TEST(ConsoleEventCatcher, BelongsToTheThreadThatInitialisedTheLibrary)
+{
+    ky::test::ExpectChildPasses([] {
+        EXPECT_TRUE(MayCatch()) << "not initialised";
+        ky::initializeKySystem(ky::InitType::Full, false);
+        EXPECT_TRUE(MayCatch());
+        ky::test::CaughtStream console(std::cout);
+        EXPECT_FALSE(MayCatchOnThread());
+        const auto lines = ky::test::Lines(console.take());
+        ASSERT_EQ(lines.size(), 2u);
+        for (const std::string verb : {"Create", "Delete"}) {
+            const std::string& line = lines[verb == "Delete"];
+            EXPECT_EQ(line.find("CRITICAL PID "), 0u) << line;
+            const std::string end =
+                " : Trying to " + verb + " signal catcher outside of main thread";
+            EXPECT_EQ(line.find(end), line.size() - end.size()) << line;
+        }
+        ky::terminateKySystem();
+
+        std::thread([] {
+            ky::initializeKySystem(ky::InitType::Full, false);
+            EXPECT_TRUE(MayCatch());
+            EXPECT_FALSE(MayCatchOnThread());
+            ky::test::ExpectChildPasses([] { EXPECT_TRUE(MayCatch()) << "a forked child"; });
+            ky::terminateKySystem();
+        }).join();
+        EXPECT_TRUE(MayCatch()) << "not initialised any more";
+    });
+}
+
+TEST(ConsoleEventCatcher, ReportsASignalThatIsRefusedAndGoesOn)
+{
+    const auto result = ky::test::RunInChild([] {
+        ky::initializeKySystem(ky::InitType::Light, false);
+        ::signal(SIGINT, SIG_DFL);
+        ForbidActionOfSigint();
+        Catcher::Create();
+        EXPECT_TRUE(IsDefault(SIGINT) && !IsDefault(SIGTERM));
+        ky::terminateKySystem();
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out.find("CRITICAL PID "), 0u) << result.out;
+    const std::string end =
+        " : Failed to install 2 signal handler : " + ky::test::ErrorText(EPERM) + "\n";
+    EXPECT_EQ(result.out.find(end), result.out.size() - end.size()) << result.out;
+}
+
+TEST(ConsoleEventCatcher, DisturbsNoServiceOfTheLibrary)
+{
+    constexpr int signals = 2000;
+    constexpr std::size_t rounds = 300;
+    const ky::test::TemporaryFolder folder;
+    const std::string source = folder.write("source", std::string(300000, 's'));
+    const auto result = ky::test::RunInChild([&] {
+        ky::initializeKySystem(ky::InitType::Full, false);
+        Catcher::Create();
+        std::atomic<int> sent = 0;
+        ky::kySemaphore given(0);
+        std::thread sender([&, self = ::pthread_self()] {
+            for (; sent < signals; given.release(1), ++sent)
+                ::pthread_kill(self, sent % 2 == 0 ? SIGINT : SIGTERM);
+        });
+        for (std::size_t round = 0; round < rounds || sent < signals; ++round) {
+            if (round < rounds)
+                ky::kyLogObject(ky::kyLog::Info).setFlushNow(round % 10 == 0) << round;
+            given.acquire(sent < signals ? 1 : 0);
+            const unsigned long start = ky::kySystemUtils::GetTimeBaseMs();
+            kyThread::msleep(1);
+            EXPECT_NE(ky::kySystemUtils::GetTimeBaseMs(), start);
+            EXPECT_TRUE(ky::kyLockFile().takeLockUtf8(folder.path("lock")));
+            EXPECT_TRUE(ky::kyDirUtils::CopyFileUtf8(source, folder.path("copy"), true));
+        }
+        sender.join();
+        EXPECT_TRUE(Catcher::Get()->shouldCancel());
+        Catcher::Delete();
+        ky::terminateKySystem();
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    const auto lines = ky::test::Lines(result.out);
+    ASSERT_EQ(lines.size(), rounds);
+    for (std::size_t i = 0; i < rounds; ++i)
+        EXPECT_EQ(lines[i].substr(lines[i].find(" : ") + 3), std::to_string(i));
+}
