@@ -26,5 +26,6 @@ void AddTree(CLI::App& app, int& exitCode);
 
 /// `command` is what stands behind "--", which belongs to the program that is to run.
 void AddLock(CLI::App& app, const std::vector<std::string>& command, int& exitCode);
+void AddRun(CLI::App& app, const std::vector<std::string>& command, int& exitCode);
 
 }  // namespace ky::tool

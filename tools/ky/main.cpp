@@ -17,7 +17,7 @@ namespace {
 /// it would take "[a,b]" for two arguments.
 bool RunsProgram(int argc, char** argv)
 {
-    return argc > 1 && argv[1] == std::string("lock");
+    return argc > 1 && (argv[1] == std::string("lock") || argv[1] == std::string("run"));
 }
 
 /// The place of the first "--", or `argc`.
@@ -66,6 +66,9 @@ int main(int argc, char** argv)
     ky::tool::AddLog(app, exitCode);
     ky::tool::AddMime(app, exitCode);
     ky::tool::AddPipe(app, exitCode);
+    const std::vector<std::string> command(argv + std::min(end + 1, argc), argv + argc);
+    ky::tool::AddLock(app, command, exitCode);
+    ky::tool::AddRun(app, command, exitCode);
     ky::tool::AddTee(app, exitCode);
     ky::tool::AddTree(app, exitCode);
     try {

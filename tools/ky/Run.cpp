@@ -1,0 +1,183 @@
+#include "Commands.h"
+#include "Duration.h"
+#include "LocalText.h"
+#include "StandardStreams.h"
+#include "Supervisor.h"
+
+#include "ky/kyLockFile.h"
+#include "ky/kyLog.h"
+#include "ky/kyStringUtils.h"
+#include "ky/kySystem.h"
+
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+#include <cerrno>
+
+namespace ky::tool {
+namespace {
+
+struct Options {
+    Supervision supervision;
+    std::vector<std::string> environment;
+    std::optional<std::string> lockFile;
+    std::optional<std::string> logFile;
+    std::string folder;
+    bool withParent = false;
+};
+
+const std::map<std::string, kyProcess::ProcessPriority> sPriorities = {
+    {"low", kyProcess::Low},
+    {"normal", kyProcess::Normal},
+    {"high", kyProcess::High},
+    {"inherit", kyProcess::Inherit}};
+
+/// False where the local character set has no such text: it must not become another one.
+bool AddUtf8(const std::vector<std::string>& localTexts, std::vector<std::string>& utf8)
+{
+    for (const std::string& text : localTexts) {
+        utf8.push_back(ToUtf8(text));
+        if (kyStringUtils::convertCharset(utf8.back(), kyStringUtils::CharSetUtf8,
+                                          kyStringUtils::CharSetLocal8Bit) == text)
+            continue;
+        PrintError("Cannot pass on " + text, EILSEQ);
+        return false;
+    }
+    return true;
+}
+
+/// The library goes on in the current folder where a program's own is missing; a command that was
+/// to run elsewhere must not.
+bool TakeFolder(const std::string& folder, Supervision& supervision)
+{
+    if (folder.empty())
+        return true;
+    if (::access((folder + "/.").c_str(), X_OK) != 0) {
+        PrintError("Cannot enter " + folder, errno);
+        return false;
+    }
+    std::vector<std::string> utf8;
+    const bool isGood = AddUtf8({folder}, utf8);
+    supervision.folder = utf8.front();
+    return isGood;
+}
+
+bool InstallLogFile(const std::optional<std::string>& path)
+{
+    kyLog::Instance()->setEchoToConsole(false);
+    std::string error;
+    if (!path || kyLog::Instance()->installFileHandlerUtf8(ToUtf8(*path), &error))
+        return true;
+    std::cerr << "ky: " + error + "\n";
+    return false;
+}
+
+bool TakeLock(const std::string& path, kyLockFile& lock)
+{
+    std::string error;
+    if (lock.takeLockUtf8(ToUtf8(path), nullptr, kyLockFile::Exclusive, &error))
+        return true;
+    const std::string text = "Cannot lock " + path + ". " + error;
+    kyLogObject(kyLog::Warning, "run") << text;
+    std::cerr << "ky: " + text + "\n";
+    return false;
+}
+
+int RunSupervised(const Options& options, const std::vector<std::string>& command)
+{
+    Supervision supervision = options.supervision;
+    if (!AddUtf8(command, supervision.command) ||
+        !AddUtf8(options.environment, supervision.environment) ||
+        !TakeFolder(options.folder, supervision) || !InstallLogFile(options.logFile))
+        return sFailure;
+    const Requests requests(options.withParent);
+    kyLockFile lock;
+    if (options.lockFile && !TakeLock(*options.lockFile, lock))
+        return sFailure;
+    const int exitCode = Supervisor(supervision, requests).run();
+    std::string error;
+    if (options.lockFile && !lock.releaseLock(true, &error))
+        std::cerr << "ky: Cannot release " + *options.lockFile + ". " + error + "\n";
+    return exitCode;
+}
+
+std::string CheckEntry(const std::string& entry)
+{
+    const std::size_t equals = entry.find('=');
+    return equals == 0 || equals == std::string::npos ? "'" + entry + "' is not NAME=VALUE" : "";
+}
+
+void AddOptions(CLI::App& run, Options& options)
+{
+    run.add_option("-t,--timeout", options.supervision.timeoutMs,
+                   "End it after this time, as in 500ms, 90s or 1h 30m; a number alone is seconds")
+        ->transform(AsMilliseconds())
+        ->type_name("DURATION");
+    run.add_option(
+           "--grace", options.supervision.graceMs,
+           "What it gets from being asked to end (SIGTERM) to being killed, 5s if not given")
+        ->transform(AsMilliseconds())
+        ->type_name("DURATION")
+        ->default_str("5s");
+    run.add_option("-l,--lock", options.lockFile,
+                   "Hold this lock file meanwhile, and fail at once while another process holds it")
+        ->type_name("FILE");
+    run.add_option("-m,--memory-limit", options.supervision.memoryLimitBytes,
+                   "Kill it when a sample of its resident size is above this, as in 500K or 2G")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::PositiveNumber)
+        ->type_name("BYTES");
+    run.add_option("-p,--priority", options.supervision.priority,
+                   "low, normal, high (for the privileged) or inherit (the default)")
+        ->transform(CLI::CheckedTransformer(sPriorities, CLI::ignore_case))
+        ->type_name("PRIORITY");
+    run.add_option("-d,--dir", options.folder, "Run it in this folder")->type_name("FOLDER");
+    run.add_option("-e,--env", options.environment, "Add to its environment; may be repeated")
+        ->check(CLI::Validator([](std::string& entry) { return CheckEntry(entry); }, ""))
+        ->allow_extra_args(false)
+        ->type_name("NAME=VALUE");
+    run.add_option("-f,--log", options.logFile,
+                   "Append to this log file when it starts and ends, how, and how large it gets")
+        ->type_name("FILE");
+    run.add_flag("--with-parent", options.withParent,
+                 "End it when the process that started ky dies");
+}
+
+}  // namespace
+
+void AddRun(CLI::App& app, const std::vector<std::string>& command, int& exitCode)
+{
+    auto* const run = app.add_subcommand(
+        "run",
+        "Run a command supervised: within its limits, one at a time, with a log of how it went.\n"
+        "The exit code is that of the command, 128 more than the signal that killed it (137 above "
+        "the memory limit), 124 when its time was over, 127 when it cannot be started, 1 without "
+        "the lock, the folder or the log.\n"
+        "At the time limit, on SIGINT, SIGTERM, SIGHUP and SIGQUIT, unless they are ignored, and "
+        "with --with-parent when the parent dies, the command and all that it has started are sent "
+        "SIGTERM and, after the time of grace, SIGKILL. A terminal's interrupt reaches the command "
+        "too, which then gets both. SIGUSR1 and SIGUSR2 are passed on to it.\n"
+        "The resident size is that of the command and all that it has started, sampled every "
+        "100 ms; pages that they share count for each. What still runs when the command ends by "
+        "itself is left alone. Arguments must be ones that the local character set can express.");
+    const auto options = std::make_shared<Options>();
+    options->supervision.graceMs = 5000;
+    AddOptions(*run, *options);
+    run->footer(
+        "The command and its arguments stand behind \"--\": ky run --timeout 1h -- "
+        "COMMAND...");
+    run->callback([options, command, &exitCode] {
+        if (command.empty())
+            throw CLI::RequiredError("-- COMMAND");
+        initializeKySystem(InitType::Full, false);
+        exitCode = RunSupervised(*options, command);
+        terminateKySystem();
+    });
+}
+
+}  // namespace ky::tool
