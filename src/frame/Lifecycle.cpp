@@ -6,8 +6,8 @@
 #include "ky/kySystemUtils.h"
 #include "ky/kyWaitCondition.h"
 
-#include "frame/ResourceRegistry.h"
 #include "frame/MainThread.h"
+#include "frame/ResourceRegistry.h"
 #include "frame/State.h"
 #include "text/MimeTable.h"
 #include "thread/ProcessPool.h"

@@ -59,15 +59,14 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     app.set_version_flag("--version",
                          kySystem::Version::GetDescStringMajorMinorReleaseRevision(true, true));
+    const std::vector<std::string> command(argv + std::min(end + 1, argc), argv + argc);
     ky::tool::AddCrash(app, exitCode);
     ky::tool::AddInfo(app, exitCode);
     ky::tool::AddIni(app, exitCode);
-    ky::tool::AddLock(app, {argv + std::min(end + 1, argc), argv + argc}, exitCode);
+    ky::tool::AddLock(app, command, exitCode);
     ky::tool::AddLog(app, exitCode);
     ky::tool::AddMime(app, exitCode);
     ky::tool::AddPipe(app, exitCode);
-    const std::vector<std::string> command(argv + std::min(end + 1, argc), argv + argc);
-    ky::tool::AddLock(app, command, exitCode);
     ky::tool::AddRun(app, command, exitCode);
     ky::tool::AddTee(app, exitCode);
     ky::tool::AddTree(app, exitCode);
