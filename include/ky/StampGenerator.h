@@ -11,10 +11,13 @@ namespace ky {
 /// A number that tells things apart: of two stamps of one generator the greater one is the later.
 class Stamp {
 public:
+    /// Any number, as one that `value` gave.
     explicit constexpr Stamp(unsigned long value) : mValue(value) {}
 
+    /// The number, for texts and files.
     constexpr unsigned long value() const { return mValue; }
 
+    /// By number.
     friend constexpr bool operator==(Stamp a, Stamp b) { return a.mValue == b.mValue; }
     friend constexpr bool operator!=(Stamp a, Stamp b) { return a.mValue != b.mValue; }
     friend constexpr bool operator<(Stamp a, Stamp b) { return a.mValue < b.mValue; }

@@ -11,6 +11,7 @@ namespace ky {
 /// shows them (RFC 4122 section 3). Any thread.
 class KY_API UUID {
 public:
+    /// How an identifier is written.
     enum Format : int {
         Dashed = 0,   ///< 36 characters: groups of 8, 4, 4, 4 and 12 digits with "-" between
         Compact = 1,  ///< 32 digits

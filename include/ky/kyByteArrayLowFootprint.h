@@ -42,6 +42,7 @@ public:
     /// null.
     void resizeAndClear(unsigned long n, char fill);
 
+    /// Exchanges the blocks; copies no byte.
     void swap(kyByteArrayLowFootprint& other) noexcept
     {
         const std::uintptr_t word = mWord;
@@ -49,6 +50,7 @@ public:
         other.mWord = word;
     }
 
+    /// False for empty.
     bool isNull() const { return mWord == sNullWord; }
 
     /// True for null too.
@@ -68,6 +70,7 @@ public:
     std::string_view toStringView() const { return {rawData(), size()}; }
     void toByteVector(std::vector<char>& out) const;
 
+    /// Same state and same bytes: null and empty differ.
     bool operator==(kyByteArrayLowFootprint const& other) const;
     bool operator!=(kyByteArrayLowFootprint const& other) const { return !(*this == other); }
 

@@ -13,6 +13,7 @@ public:
     constexpr kyCancelInterfaceReadOnly() = default;
     virtual ~kyCancelInterfaceReadOnly();
 
+    /// Asked often, so it should cost little.
     virtual bool shouldCancel() const = 0;
 };
 
@@ -22,6 +23,7 @@ public:
     constexpr kyCancelInterface() = default;
     ~kyCancelInterface() override;
 
+    /// From then on `shouldCancel` answers yes. May be repeated.
     virtual void cancel() = 0;
 };
 
@@ -31,6 +33,7 @@ public:
 /// others ask stores it atomically too. Proxies chained in a ring recurse without end.
 class KY_API kyCancelInterfaceProxyReadOnly : public kyCancelInterfaceReadOnly {
 public:
+    /// What is given must outlive the proxy.
     constexpr explicit kyCancelInterfaceProxyReadOnly(
         const bool* flag = nullptr, const kyCancelInterfaceReadOnly* next = nullptr)
         : mFlag(flag), mNext(next)
@@ -54,6 +57,7 @@ private:
 /// accessed with relaxed atomic operations. Proxies chained in a ring recurse without end.
 class KY_API kyCancelInterfaceProxy : public kyCancelInterface {
 public:
+    /// What is given must outlive the proxy.
     constexpr explicit kyCancelInterfaceProxy(bool* flag = nullptr,
                                               kyCancelInterface* chained = nullptr,
                                               const kyCancelInterfaceReadOnly* additional = nullptr)

@@ -41,7 +41,9 @@ public:
     kyDataStream(kyIoDevice* device, Endianness endianness) { setIoDevice(device, endianness); }
     kyDataStream(kyIoDevice& device, Endianness endianness) : kyDataStream(&device, endianness) {}
 
+    /// Goes on with another device, which may be null, and another order, with the ok flag set.
     void setIoDevice(kyIoDevice* device, Endianness endianness);
+    /// The order for the values that follow.
     void setEndianness(Endianness endianness) { mEndianness = endianness; }
     Endianness getEndianness() const { return mEndianness; }
 
@@ -79,6 +81,7 @@ public:
     /// Returns how many bytes came. Nothing is read, and nothing fails, for `n` 0 or a null `dst`.
     unsigned long readRawBytes(char* dst, unsigned long n);
 
+    /// In the layout of the table; `isOk` tells whether it went.
     kyDataStream& operator<<(bool value) { return put(value ? '\xFF' : '\0'); }
     kyDataStream& operator<<(char value) { return put(value); }
     kyDataStream& operator<<(signed char value) { return put(value); }

@@ -20,14 +20,16 @@ struct KY_API kyFileInfoUtf8 {
     bool operator==(const kyFileInfoUtf8& other) const;
     bool operator!=(const kyFileInfoUtf8& other) const { return !(*this == other); }
 
+    /// As it was asked for.
     std::string path;
-    std::int64_t accessTime = 0;  // times in seconds since 1970-01-01 00:00 UTC
-    std::int64_t changeTime = 0;  // of the entry itself: mode, owner, number of links, ...
-    std::int64_t modificationTime = 0;
-    std::int64_t size = 0;  // in bytes
+    std::int64_t accessTime = 0;        // times in seconds since 1970-01-01 00:00 UTC
+    std::int64_t changeTime = 0;        // of the entry itself: mode, owner, number of links, ...
+    std::int64_t modificationTime = 0;  // of the content
+    std::int64_t size = 0;              // in bytes
+    /// Whether anything is there, and what.
     bool exists : 1;
     bool isFile : 1;  // a regular one
-    bool isDir : 1;
+    bool isDir : 1;   // a folder
 };
 
 /// Operations on paths, folders and files, without state.

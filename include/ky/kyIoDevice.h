@@ -28,6 +28,7 @@ public:
         DataWayReadWrite = 3,
     };
 
+    /// Without an error.
     explicit kyIoDevice(DataWay way) : mDataWay(way) {}
     kyIoDevice(const kyIoDevice&) = delete;
     kyIoDevice& operator=(const kyIoDevice&) = delete;
@@ -41,7 +42,9 @@ public:
     /// Returns how many bytes were accepted.
     virtual unsigned long writeBytes(char const* src, unsigned long n) = 0;
 
+    /// Whether nothing is left to read.
     virtual bool atEnd() const = 0;
+    /// Whether an error has been kept.
     virtual bool hasDeviceError() const { return mHasError; }
 
     /// The first error since the last `clearDeviceError`, or empty.
@@ -57,6 +60,7 @@ public:
     virtual bool writeBackToDevice(kyIoDevice& dst, unsigned long* bytesWritten = nullptr,
                                    std::vector<char>* buffer = nullptr);
 
+    /// No error has been kept.
     bool good() const { return !hasDeviceError(); }
 
     /// Sets the error flag and logs a TRACE line under the system-log name "iodevice". Only the
@@ -65,6 +69,7 @@ public:
     void setDeviceError(std::string const& msg);
     void clearDeviceError();
 
+    /// What the device supports, as it tells itself. Changing that opens and closes nothing.
     void changeSupportedDataWay(DataWay way) { mDataWay = way; }
     DataWay getSupportedDataWay() const { return mDataWay; }
 
@@ -86,11 +91,15 @@ private:
 /// A device with a position, in bytes from its beginning.
 class KY_API kyIoDeviceRandomAccess : public kyIoDevice {
 public:
+    /// What an offset counts from.
     enum SeekStart : int { SeekFromBeginning = 0, SeekFromCurrent = 1, SeekFromEnd = 2 };
 
+    /// Without an error.
     using kyIoDevice::kyIoDevice;
 
+    /// Moves the position by `offset` bytes from there. False when it does not.
     virtual bool seek(long offset, SeekStart from) = 0;
+    /// In bytes from the beginning.
     virtual long getCurrentPos() const = 0;
 
     /// Reads the whole device, whatever its position, with several calls where it is larger than
@@ -110,6 +119,7 @@ public:
 /// hold what was buffered and would write it: flush before.
 class KY_API kyIoDeviceFileStream : public kyIoDeviceRandomAccess {
 public:
+    /// Closed, or opened as `open` does.
     kyIoDeviceFileStream();
     kyIoDeviceFileStream(std::string const& path, DataWay way, bool truncate);
 
@@ -176,11 +186,13 @@ private:
 /// cast to one.
 class KY_API kyIoDeviceStdStreamProxy : public kyIoDeviceRandomAccess {
 public:
+    /// For reading, or for writing. A null stream moves nothing, without an error.
     explicit kyIoDeviceStdStreamProxy(std::istream* input);
     explicit kyIoDeviceStdStreamProxy(std::ostream* output);
 
     unsigned long readBytes(char* dst, unsigned long n) override;
     unsigned long writeBytes(char const* src, unsigned long n) override;
+    /// Whether the input has no byte left. False for an output.
     bool atEnd() const override;
 
     /// True whenever there is a stream, even if that cannot move: its position tells. Any other
@@ -202,6 +214,7 @@ public:
 
     unsigned long readBytes(char* dst, unsigned long n) override;
     unsigned long writeBytes(char const* src, unsigned long n) override;
+    /// Always.
     bool atEnd() const override { return true; }
 };
 
@@ -213,6 +226,7 @@ public:
 
     unsigned long readBytes(char* dst, unsigned long n) override;
     unsigned long writeBytes(char const* src, unsigned long n) override;
+    /// Always.
     bool atEnd() const override { return true; }
     bool seek(long offset, SeekStart from) override;
     long getCurrentPos() const override { return static_cast<long>(mPosition); }
@@ -227,6 +241,7 @@ private:
 /// Reads from borrowed bytes. A write is an error.
 class KY_API kyIoDeviceByteContainerReadOnly : public kyIoDeviceRandomAccess {
 public:
+    /// `size` bytes at `data`, which must outlive the device; null with 0.
     kyIoDeviceByteContainerReadOnly(char const* data, unsigned long size)
         : kyIoDeviceRandomAccess(DataWayRead), mData(data), mSize(size)
     {}
@@ -234,6 +249,7 @@ public:
 
     unsigned long readBytes(char* dst, unsigned long n) override;
     unsigned long writeBytes(char const* src, unsigned long n) override;
+    /// Behind the last byte.
     bool atEnd() const override { return mPosition >= mSize; }
 
     /// A target outside of the bytes is an error and moves to the end that it lies beyond.

@@ -22,6 +22,7 @@ public:
 
     unsigned long readBytes(char* dst, unsigned long n) override;
     unsigned long writeBytes(char const* src, unsigned long n) override;
+    /// False, with a CRITICAL line.
     bool atEnd() const override;
 
     /// Own error or one of a device. `clearDeviceError` clears the own one only.

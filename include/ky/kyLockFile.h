@@ -19,6 +19,7 @@ namespace ky {
 /// An object is used by one thread. No member throws. Not copyable: the lock has one owner.
 class KY_API kyLockFile {
 public:
+    /// How many may hold the lock together.
     enum LockType : int {
         Exclusive = 0,  ///< as any other value but 1
         Shared = 1
@@ -49,6 +50,7 @@ public:
     /// `error` is told what failed, "File is not locked" when there is nothing to release.
     bool releaseLock(bool removeFile, std::string* error = nullptr);
 
+    /// Whether this object holds a lock.
     bool isLocked() const { return mStream != nullptr; }
 
     /// Takes and releases "/file_shared.loc" below `folder`, which must be one to write to, in

@@ -53,6 +53,7 @@ enum class kyLogLevel : int {
 /// parent had queued are the parent's. Nothing there waits for a thread that does not exist.
 class KY_API kyLog {
 public:
+    /// Weight of an entry, in rising order.
     enum EntryLevel : int {
         Dev = 0,
         Trace = 1,
@@ -65,6 +66,7 @@ public:
 
     /// One record of the log. Texts are UTF-8, but bytes that are not reach the sinks as they are.
     struct KY_API LogEntry {
+        /// The text, which may have several lines.
         std::string message;
         std::string subType;        ///< category, may be empty
         std::string systemLogName;  ///< empty: does not go to the system log
@@ -87,6 +89,7 @@ public:
     /// library.
     using CustomHandler = void (*)(std::list<LogEntry>& batch, void* userData);
 
+    /// Called by `createInstance`; `threadSafe` as by `makeThreadSafe`.
     explicit kyLog(bool threadSafe);
     ~kyLog();
     kyLog(const kyLog&) = delete;
@@ -116,6 +119,7 @@ public:
     /// When a log file is put aside because of the time, at local midnight. Weeks begin on Sunday.
     enum class TimeRotationInterval : int { None = 0, Daily = 1, Weekly = 2, Monthly = 3 };
 
+    /// Bits for `installFileHandlerExUtf8`.
     enum FileOption : unsigned int {
         FileAppend = 1,  ///< go on in a file that exists; it is removed otherwise
         FileShared = 2,  ///< several processes write to it, one batch at a time; implies appending
@@ -206,6 +210,7 @@ public:
     /// daemon does not read. Any thread; takes no lock of the library.
     static void WriteToSystemLog(const LogEntry& entry, bool echoToStderr);
 
+    /// What `Instance` gives; set by `createInstance` and `destroyInstance` alone.
     static kyLog* msInstance;
 
 private:
@@ -283,10 +288,12 @@ public:
         return mActive ? insertNumber(value ? 1L : 0L) : *this;
     }
 
+    /// The byte itself.
     kyLogObject& operator<<(char value) { return mActive ? insertCharacter(value) : *this; }
     kyLogObject& operator<<(signed char value) { return *this << static_cast<char>(value); }
     kyLogObject& operator<<(unsigned char value) { return *this << static_cast<char>(value); }
 
+    /// In decimal.
     kyLogObject& operator<<(short value) { return *this << static_cast<long>(value); }
     kyLogObject& operator<<(int value) { return *this << static_cast<long>(value); }
     kyLogObject& operator<<(long value) { return mActive ? insertNumber(value) : *this; }

@@ -18,6 +18,7 @@ struct NativeMutex {
     NativeMutex(const NativeMutex&) = delete;
     NativeMutex& operator=(const NativeMutex&) = delete;
 
+    /// The recursive mutex, and what it was made with.
     pthread_mutex_t mutex;
     pthread_mutexattr_t attribute;
     const unsigned long processId;  // a forked child must not destroy what others may have held
@@ -66,6 +67,7 @@ public:
     kyMutex2(const kyMutex2&) = delete;
     kyMutex2& operator=(const kyMutex2&) = delete;
 
+    /// As those of `kyMutex`.
     int lock() { return ::pthread_mutex_lock(&mNative->mutex); }
     int unlock() { return ::pthread_mutex_unlock(&mNative->mutex); }
 
@@ -153,6 +155,7 @@ public:
         mIsLocked = false;
     }
 
+    /// Whether this locker holds the mutex.
     bool isLocked() const { return mIsLocked; }
 
 private:

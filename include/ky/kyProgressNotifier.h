@@ -181,6 +181,7 @@ public:
     kyProgressNotifierCancelSupportOnly& operator=(const kyProgressNotifierCancelSupportOnly&) =
         delete;
 
+    /// As in `kyProgressNotifierBase`.
     bool shouldCancel() const override;
     void cancel() override;
     void setInternalCancelFlag(bool flag) override;
@@ -220,6 +221,7 @@ public:
     kyProgressNotifierThreadSafeProxy(const kyProgressNotifierThreadSafeProxy&) = delete;
     kyProgressNotifierThreadSafeProxy& operator=(const kyProgressNotifierThreadSafeProxy&) = delete;
 
+    /// The target's, under the mutex.
     bool shouldCancel() const override;
     void cancel() override;
     void setInternalCancelFlag(bool flag) override;

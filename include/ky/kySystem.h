@@ -63,6 +63,7 @@ public:
     /// Sets the count to 0.
     void clearInitCounter();
 
+    /// The users now, whether there is one, and what it was named.
     std::uint32_t getInitCounter() const;
     bool isInitialized() const;
     const std::string& getName() const;
@@ -71,6 +72,7 @@ public:
     /// No warning of this library depends on it.
     static void SetLibInitWarningsEnabled(bool enabled);
 
+    /// That switch; true from the start.
     static std::atomic<bool> msLibInitWarnings;
 
 private:

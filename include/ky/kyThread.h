@@ -16,6 +16,7 @@ public:
     kyRunnableInterface(const kyRunnableInterface&) = delete;
     kyRunnableInterface& operator=(const kyRunnableInterface&) = delete;
 
+    /// Returns when the work is done or soon after `stop`, which any thread may call.
     virtual int run() = 0;
     virtual void stop() = 0;
 };
@@ -86,6 +87,7 @@ public:
     static void usleep(unsigned long microseconds);
 
 protected:
+    /// The work. Its result reaches nobody but the caller of `Run`.
     virtual int run() = 0;
 
     /// `startThread` for the library's own threads: asynchronous signals are blocked, and the name

@@ -34,6 +34,7 @@ public:
     void removeCallback(void (*function)(void*), void* argument);
 
 protected:
+    /// The rounds.
     int run() override;
 
 private:

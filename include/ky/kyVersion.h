@@ -27,6 +27,7 @@ public:
     void setVersion(unsigned int majorVersion, unsigned int minorVersion, unsigned int revision,
                     const std::string& description, unsigned int extra1, unsigned int extra2);
 
+    /// As they were given.
     unsigned int getMajorVersion() const;
     unsigned int getMinorVersion() const;
     unsigned int getRevision() const;
@@ -61,6 +62,7 @@ namespace kySystem {
 /// the description functions has no effect. Any thread, at any time; signal-safe.
 class KY_API Version {
 public:
+    /// The four numbers of the release.
     static unsigned int GetMajor();
     static unsigned int GetMinor();
     static unsigned int GetRelease();
