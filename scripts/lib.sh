@@ -3,8 +3,9 @@
 # The packages that building needs, and what tests and gates need on top.
 build_packages="g++ cmake ninja-build ccache git libutfcpp-dev libcli11-dev"
 test_packages="$build_packages libgtest-dev libsystemd-dev logrotate pkg-config python3 util-linux"
-gate_packages="$test_packages clang clang-format clang-tidy doxygen help2man libbenchmark-dev
-    libspdlog-dev"
+package_packages="$test_packages doxygen dpkg-dev fakeroot file gzip help2man"
+gate_packages="$package_packages clang clang-format clang-tidy libbenchmark-dev libspdlog-dev
+    abigail-tools lintian mmdebstrap"
 
 # Without a home of our own the compiler cache lives in the build folder.
 [ -w "${HOME:-/nowhere}" ] || export CCACHE_DIR=$PWD/build/ccache
