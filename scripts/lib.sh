@@ -47,3 +47,14 @@ build() {
     quietly cmake --preset "$preset" "${options[@]}" || return
     quietly cmake --build --preset "$preset" ${1:+--target "$1"}
 }
+
+# describe_abi FILE: writes what the release build's library promises to programs (docs/abi.md).
+# Says the same for the same sources in any folder.
+describe_abi() {
+    build release kySystem || return
+    quietly abidw --headers-dir include --drop-private-types --suppressions abi/suppressions \
+        --exported-interfaces-only --type-id-style hash --no-corpus-path --no-comp-dir-path \
+        --no-show-locs --no-architecture --no-elf-needed --no-write-default-sizes \
+        --no-parameter-names --out-file "$1" build/release/lib/libkySystem.so.3.0 || return
+    sed -i "s# path='[^']*/\(src\|include\)/# path='\1/#" "$1"
+}
