@@ -75,6 +75,7 @@ inline bool Fail(std::string& error, const std::string& text)
     return false;
 }
 
+//! [writing]
 /// False, with the reason in `error`.
 inline bool WriteCatalogue(ky::kyIoDevice& device, const Catalogue& entries, std::string& error)
 {
@@ -93,6 +94,7 @@ inline bool WriteCatalogue(ky::kyIoDevice& device, const Catalogue& entries, std
     stream << sCatalogueVersion << body << Crc32(body);
     return stream.isOk() || Fail(error, "cannot be written: " + stream.getErrorMsg());
 }
+//! [writing]
 
 /// False, with the reason in `error` and `entries` unspecified, for whatever is no whole and
 /// undamaged catalogue.
