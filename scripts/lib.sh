@@ -7,6 +7,10 @@ package_packages="$test_packages doxygen dpkg-dev fakeroot file gzip help2man"
 gate_packages="$package_packages clang clang-format clang-tidy libbenchmark-dev libspdlog-dev
     abigail-tools lintian mmdebstrap"
 
+# What scripts/bench compares with, and draws with.
+bench_packages="$build_packages libbenchmark-dev libspdlog-dev libboost-serialization-dev qtbase5-dev
+    libpoco-dev gnuplot-nox python3"
+
 # Without a home of our own the compiler cache lives in the build folder.
 [ -w "${HOME:-/nowhere}" ] || export CCACHE_DIR=$PWD/build/ccache
 
