@@ -1,7 +1,7 @@
 """Makes a table and a picture of the ratios that pairs.csv asks for.
 
 report.py PAIRS RESULTS TABLE PICTURE: RESULTS is a folder with PROGRAM.json from each benchmark
-program. Columns of PAIRS: program; what; ours; name of a peer; its time; name of the limit; its
+program, and in "load" what /proc/loadavg said before. Columns of PAIRS: program; what; ours; name of a peer; its time; name of the limit; its
 time; what is asked for. A time is
 
     NAME           the real time of a benchmark
@@ -81,7 +81,7 @@ def duration(ns):
             return f"{ns / NS[unit]:.3g} {unit}"
 
 
-def machine():
+def machine(folder):
     with open("/proc/cpuinfo", encoding="utf-8") as file:
         model = re.search(r"model name\s*: (.*)", file.read())
     with open("/proc/meminfo", encoding="utf-8") as file:
@@ -89,12 +89,13 @@ def machine():
     compiler = subprocess.run(["g++", "--version"], capture_output=True, text=True, check=True)
     commit = subprocess.run(["git", "rev-parse", "--short=12", "HEAD"], capture_output=True,
                             text=True, check=False).stdout.strip() or "none"
-    load_average = os.getloadavg()[0]
+    with open(os.path.join(folder, "load"), encoding="utf-8") as file:
+        load_average = file.read().split()[0]
     return [f"{model[1] if model else platform.machine()}, {os.cpu_count()} CPUs, "
             f"{gib:.0f} GiB of memory, Linux {platform.release()}",
             compiler.stdout.splitlines()[0],
             f"{datetime.date.today().isoformat()}, commit {commit}, "
-            f"load {load_average:.1f} at the end, of which one is the benchmark's own"]
+            f"load {load_average} at the beginning"]
 
 
 def cell(number):
@@ -165,7 +166,7 @@ def main():
     with open(pairs_path, encoding="utf-8", newline="") as file:
         pairs = list(csv.reader(file, delimiter=";"))[1:]
     rows = measured(pairs, folder)
-    about = machine()
+    about = machine(folder)
     write_table(table, rows, about, os.path.basename(picture))
     write_picture(picture, rows, about)
 
