@@ -1,8 +1,8 @@
 """Makes a table and a picture of the ratios that pairs.csv asks for.
 
 report.py PAIRS RESULTS TABLE PICTURE: RESULTS is a folder with PROGRAM.json from each benchmark
-program, and in "load" what /proc/loadavg said before. Columns of PAIRS: program; what; ours; name of a peer; its time; name of the limit; its
-time; what is asked for. A time is
+program, and in "load" what /proc/loadavg said before. Columns of PAIRS: program; what; ours; name
+of a peer; its time; name of the limit; its time; what is asked for. A time is
 
     NAME           the real time of a benchmark
     NAME@COUNTER   one of its counters
