@@ -10,6 +10,14 @@
 
 namespace ky::test {
 
+/// The next `n` bytes of a device, or as many as it gives.
+inline std::string Read(kyIoDevice& device, unsigned long n)
+{
+    std::string text(n, '?');
+    text.resize(device.readBytes(text.data(), n));
+    return text;
+}
+
 /// A device of a user: reads from and appends to `content`, notes the size of every call, and moves
 /// one byte too few from call number `failsAt` on (counted from 0).
 class NotingDevice : public kyIoDevice {
