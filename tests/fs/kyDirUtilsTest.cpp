@@ -48,46 +48,35 @@ TEST_F(DirUtils, TellsWhatAnEntryIs)
                 {"", false, false, false}};
     ky::kyFileInfoUtf8 info;
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.path);
         kyDirUtils::GetFileInfoUtf8(row.path, info);
         EXPECT_EQ(info.path, row.path);
-        EXPECT_EQ(info.exists, row.exists);
-        EXPECT_EQ(info.isFile, row.isFile);
-        EXPECT_EQ(info.isDir, row.isDir);
-        EXPECT_EQ(info.size != 0 && info.modificationTime != 0, row.isFile || row.isDir);
-        EXPECT_EQ(kyDirUtils::FileExistsUtf8(row.path), row.exists);
-        EXPECT_EQ(kyDirUtils::DirExistsUtf8(row.path), row.isDir);
+        EXPECT_TRUE(info.exists == row.exists && info.isFile == row.isFile &&
+                    info.isDir == row.isDir)
+            << row.path;
+        EXPECT_EQ(kyDirUtils::FileExistsUtf8(row.path), row.exists) << row.path;
+        EXPECT_EQ(kyDirUtils::DirExistsUtf8(row.path), row.isDir) << row.path;
     }
     struct timespec times[] = {{1, 0}, {2, 0}};
     ::utimensat(AT_FDCWD, file.c_str(), times, 0);
-    kyDirUtils::GetFileInfoUtf8(file, info);
+    info.path = file;
     kyDirUtils::GetFileInfoUtf8(info.path, info);
     EXPECT_EQ(info.path, file);
     EXPECT_EQ(info.accessTime, 1);
     EXPECT_EQ(info.modificationTime, 2);
     EXPECT_EQ(info.size, 5);
     EXPECT_GT(info.changeTime, 2);
-
     auto other = info;
     other.accessTime = 9;
     EXPECT_TRUE(other == info) << "read meanwhile";
     other.path += "/";
     EXPECT_TRUE(other != info);
-    other = info;
-    other.isDir = true;
-    EXPECT_TRUE(other != info);
-    info.clearInfos();
-    EXPECT_TRUE(info == ky::kyFileInfoUtf8() && info.accessTime == 0);
 }
 
-TEST_F(DirUtils, KnowsTheFileSystem)
+TEST_F(DirUtils, CountsTheSpaceThatIsReservedForTheSuperUser)
 {
     EXPECT_EQ(kyDirUtils::GetAvailableDiskSizeUtf8(folder.path("none"), error), 0u);
     EXPECT_EQ(error, "");
-    EXPECT_FALSE(kyDirUtils::IsNetworkPath("/proc"));
-    EXPECT_FALSE(kyDirUtils::IsNetworkPath(folder.path("none")));
-
-    // kept: with what is reserved for the super-user. Others write meanwhile.
+    // kept. Others write meanwhile.
     for (const char* path : {"/", "/tmp", "/var", "/home", "/boot"}) {
         struct statvfs system = {};
         ::statvfs(path, &system);
@@ -95,10 +84,8 @@ TEST_F(DirUtils, KnowsTheFileSystem)
         const double reserved = blockSize * static_cast<double>(system.f_bfree - system.f_bavail);
         if (reserved < 64e6)
             continue;
-        error = "of an earlier call";
         EXPECT_NEAR(static_cast<double>(kyDirUtils::GetAvailableDiskSizeUtf8(path, error)),
                     blockSize * static_cast<double>(system.f_bfree), reserved / 2);
-        EXPECT_EQ(error, "");
         return;
     }
     GTEST_SKIP() << "No file system reserves enough for the super-user to tell";
@@ -118,12 +105,9 @@ TEST_F(DirUtils, FindsTheFoldersOfUserAndProcess)
         EXPECT_EQ(kyDirUtils::GetAppDataFolderUtf8("\u00e4pp"), home + "/.\u00e4pp");
         ::unsetenv("HOME");
         EXPECT_EQ(kyDirUtils::GetDocumentsFolderUtf8(), ".");
-        EXPECT_EQ(kyDirUtils::GetPicturesFolderUtf8(), "./Pictures");
 
         ::setenv("TMPDIR", "/no/such/", 1);
         EXPECT_EQ(kyDirUtils::GetTempFolderUtf8(), "/no/such/");
-        ::setenv("TMPDIR", "", 1);
-        EXPECT_EQ(kyDirUtils::GetTempFolderUtf8(), "");
         ::unsetenv("TMPDIR");
         EXPECT_EQ(kyDirUtils::GetTempFolderUtf8(), "/tmp");
 
@@ -138,10 +122,7 @@ TEST_F(DirUtils, FindsTheFoldersOfUserAndProcess)
 
 TEST_F(DirUtils, FailsRatherThanTakeAnotherNameInTheCLocale)
 {
-    ExpectChildPasses([&] {
-        ky::terminateKySystem();
-        ::setenv("LC_ALL", "C", 1);
-        ky::initializeKySystem(ky::InitType::Light, false);
+    ky::test::ExpectChildPassesInTheCLocale([&] {
         // What a conversion that gives something for everything would find.
         const std::string path = folder.path("\u00e9");
         for (const char* name : {"?", "e"})
@@ -171,18 +152,13 @@ TEST_F(DirUtils, FailsRatherThanTakeAnotherNameInTheCLocale)
 
 TEST_F(DirUtils, MakesTemporaryFilesOfItsOwn)
 {
-    const std::string first = kyDirUtils::GetTempFileUtf8(folder.path(""), "\u00fc-");
-    const std::string second = kyDirUtils::GetTempFileUtf8(folder.path(""), "\u00fc-", "");
-    EXPECT_NE(first, second);
-    for (const std::string& file : {first, second}) {
-        EXPECT_EQ(file.compare(0, file.size() - 6, folder.path("/\u00fc-")), 0) << file;
-        EXPECT_TRUE(fs::is_empty(file));
-        EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
-    }
+    const std::string file = kyDirUtils::GetTempFileUtf8(folder.path(""), "\u00fc-");
+    EXPECT_EQ(file.compare(0, file.size() - 6, folder.path("/\u00fc-")), 0) << file;
+    EXPECT_TRUE(fs::is_empty(file));
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
     // kept: the letters to replace are looked for at the end.
     EXPECT_EQ(kyDirUtils::GetTempFileUtf8(folder.path(""), "a", ".txt"), "");
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_NE(kyDirUtils::GetTempFileUtf8(folder.path(""), "a", "XXXXXX"), "");
     EXPECT_EQ(kyDirUtils::GetTempFileUtf8(folder.path("none"), "a"), "");
     EXPECT_EQ(errno, ENOENT);
 }
@@ -195,8 +171,6 @@ TEST_F(DirUtils, MakesEveryMissingFolder)
         std::string path;
         int errorNumber;
     } rows[] = {{folder.path("a//b/c/"), 0},
-                {folder.path("a/b"), 0},
-                {folder.path("a\\b"), 0},
                 {"", ENOENT},
                 {file, ENOTDIR},
                 {file + "/x", ENOTDIR},
@@ -210,20 +184,14 @@ TEST_F(DirUtils, MakesEveryMissingFolder)
     }
     // Whoever is faster, all succeed.
     std::atomic<int> failures = 0;
-    const auto make = [&](int round) {
-        std::string path = folder.path(std::to_string(round));
-        for (int level = 0; level < 20; ++level)
-            path += "/d";
-        failures += !kyDirUtils::MkpathUtf8(path);
-    };
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 8; ++i)
         threads.emplace_back([&] {
             for (int round = 0; round < 20; ++round)
-                make(round);
+                failures +=
+                    !kyDirUtils::MkpathUtf8(folder.path(std::to_string(round) + "/d/d/d/d/d"));
         });
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear();
     EXPECT_EQ(failures, 0);
 }
 
@@ -245,7 +213,6 @@ TEST_F(DirUtils, CopiesBytes)
     const std::string destination = folder.write("destination", std::string(99999, 'x'));
     const std::string none = folder.path("none");
     const std::string noParent = folder.path("none/x");
-    fs::create_hard_link(source, folder.path("hard"));
     fs::create_symlink(source, folder.path("link"));
     const int sealedFd = ::memfd_create("sealed", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     const std::string sealed = "/proc/self/fd/" + std::to_string(sealedFd);
@@ -258,14 +225,10 @@ TEST_F(DirUtils, CopiesBytes)
     } rows[] = {
         // kept: the words blame the source.
         {source, destination, false, "source file is missing '" + source + "'"},
-        {none, folder.path(""), false, "source file is missing '" + none + "'"},
         {none, destination, true, "fail to open source file '" + none + "'"},
         {source, noParent, true, "fail to open destination file '" + noParent + "'"},
-        {source, folder.path(""), true, "fail to open destination file '" + folder.path("") + "'"},
         {source, sealed, true, "fail to open destination file '" + sealed + "'"},
         {source, source, true, ""},
-        {source, folder.path("hard"), true, ""},
-        {folder.path("link"), source, true, ""},
         {source, folder.path("link"), true, ""},
         {source, destination, true, ""},
         {source, folder.path("new"), false, ""},
@@ -284,7 +247,6 @@ TEST_F(DirUtils, CopiesBytes)
     for (const std::string& copy : {source, destination, folder.path("new")})
         EXPECT_TRUE(Content(copy) == bytes) << copy;
     EXPECT_TRUE(fs::is_empty(folder.path("empty")));
-    EXPECT_FALSE(kyDirUtils::CopyFileUtf8(none, destination, true));
 }
 
 TEST_F(DirUtils, RenamesAndRemoves)
@@ -296,19 +258,16 @@ TEST_F(DirUtils, RenamesAndRemoves)
     EXPECT_TRUE(kyDirUtils::RenameFileUtf8(file, folder.path("new"), &error));
     EXPECT_EQ(error, "");
     EXPECT_FALSE(kyDirUtils::RenameFileUtf8(file, none, &error));
-    EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(error, "rename error " + ErrorText(ENOENT));
-
-    for (const std::string& path : {folder.path("new"), full + "/sub", std::string()}) {
-        error = "of an earlier call";
-        EXPECT_TRUE(kyDirUtils::RemoveFileUtf8(path, &error));
-        EXPECT_EQ(error, "");
-        EXPECT_FALSE(fs::exists(path));
-    }
-    folder.write("full/file", "");
-    for (const auto& [path, errorNumber] : {std::pair(full, ENOTEMPTY), std::pair(none, ENOENT)}) {
-        EXPECT_FALSE(kyDirUtils::RemoveFileUtf8(path, &error));
-        EXPECT_EQ(errno, errorNumber);
-        EXPECT_EQ(error, "remove error " + ErrorText(errorNumber) + " for '" + path + "'");
+    for (const auto& [path, errorNumber] :
+         {std::pair(full, ENOTEMPTY), std::pair(none, ENOENT), std::pair(full + "/sub", 0),
+          std::pair(folder.path("new"), 0), std::pair(std::string(), 0)}) {
+        const bool isRemoved = errorNumber == 0;
+        EXPECT_EQ(kyDirUtils::RemoveFileUtf8(path, &error), isRemoved);
+        EXPECT_TRUE(isRemoved || errno == errorNumber);
+        EXPECT_EQ(error, isRemoved
+                             ? ""
+                             : "remove error " + ErrorText(errorNumber) + " for '" + path + "'");
+        EXPECT_FALSE(isRemoved && fs::exists(path));
     }
 }

@@ -4,11 +4,15 @@
 #include "ky/kyLog.h"
 #include "ky/kySystem.h"
 
+#include "support/Child.h"
+
 #include <gtest/gtest.h>
 
 #include <iostream>
 #include <sstream>
 #include <string>
+
+#include <cstdlib>
 
 namespace ky::test {
 
@@ -30,6 +34,17 @@ struct FullLibrary : ::testing::Test {
     }
     ~FullLibrary() override { terminateKySystem(); }
 };
+
+/// Runs `body` in a child whose local set is that of the C locale.
+inline void ExpectChildPassesInTheCLocale(const std::function<void()>& body)
+{
+    ExpectChildPasses([&] {
+        terminateKySystem();
+        ::setenv("LC_ALL", "C", 1);
+        initializeKySystem(InitType::Light, false);
+        body();
+    });
+}
 
 /// The description that messages give of an `errno` value.
 inline std::string ErrorText(int errorNumber)
