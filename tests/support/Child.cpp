@@ -123,6 +123,11 @@ std::string Content(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+bool Contains(const std::string& text, const std::string& what)
+{
+    return text.find(what) != std::string::npos;
+}
+
 std::vector<std::string> Lines(const std::string& text)
 {
     std::vector<std::string> lines;

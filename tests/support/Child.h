@@ -48,6 +48,8 @@ private:
 /// All bytes of a file, none when it cannot be read.
 std::string Content(const std::string& path);
 
+bool Contains(const std::string& text, const std::string& what);
+
 /// The lines of a text, without their newlines.
 std::vector<std::string> Lines(const std::string& text);
 

@@ -1,25 +1,22 @@
 #include "ky/kyLog.h"
 
 #include "support/Child.h"
+#include "support/DaemonSocket.h"
 #include "support/Library.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+using ky::test::Contains;
 using ky::test::RunCommand;
 
 namespace {
@@ -32,11 +29,6 @@ constexpr const char* sMessagesOfJson =
     "    assert entry['level'] == 'info' and entry['subType'] == 'input' and entry['time'][-1] == "
     "'Z'\n"
     "    sys.stdout.buffer.write(entry['message'].encode('utf-8') + b'\\n')\n";
-
-bool Contains(const std::string& text, const std::string& what)
-{
-    return text.find(what) != std::string::npos;
-}
 
 }  // namespace
 
@@ -75,55 +67,21 @@ TEST(JsonLog, IsOneValidObjectForEachEntry)
 }
 
 #ifdef KY_EXAMPLE_JOURNALD
-namespace {
-
-constexpr int sNotAllowed = 77;
-
-/// The journal's socket, in a mount namespace that only this process sees.
-int JournalSocket()
-{
-    const int journal = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0 || ::mkdir("/run/systemd", 0755) != 0 ||
-        ::mkdir("/run/systemd/journal", 0755) != 0 ||
-        ::bind(journal, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        ::_exit(sNotAllowed);
-    return journal;
-}
-
-std::string Receive(int journal)
-{
-    std::string datagram(65536, '\0');
-    const ssize_t size = ::recv(journal, datagram.data(), datagram.size(), 0);
-    datagram.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
-    return datagram;
-}
-
-}  // namespace
-
 TEST(JournaldExample, SendsFieldsOfItsOwn)
 {
-    const auto result = ky::test::RunInChild([] {
-        const int journal = JournalSocket();
+    const auto body = [](const ky::test::DaemonSocket& journal) {
         EXPECT_EQ(RunCommand({KY_EXAMPLE_JOURNALD}).exitCode, 0);
-        const std::string first = Receive(journal);
+        const std::string first = journal.receive();
         for (const char* field : {"MESSAGE=started with 3 work items\n", "PRIORITY=6\n",
                                   "SYSLOG_IDENTIFIER=example-journald\n", "KY_TIME_MS="})
             EXPECT_TRUE(Contains(first, field)) << field << " in " << first;
-        // A text of more than one line goes with its length, in eight bytes.
-        const std::string second = Receive(journal);
-        const std::string text = "lost 2.5 % of the packets\non 2 links\n";
-        const std::string length = {static_cast<char>(text.size() - 1), 0, 0, 0, 0, 0, 0, 0};
-        for (const std::string& field : {"MESSAGE\n" + length + text, std::string("PRIORITY=4\n"),
-                                         std::string("KY_SUB_TYPE=net\n")})
+        const std::string second = journal.receive();
+        for (const char* field :
+             {"lost 2.5 % of the packets\non 2 links\n", "PRIORITY=4\n", "KY_SUB_TYPE=net\n"})
             EXPECT_TRUE(Contains(second, field)) << field << " in " << second;
-        EXPECT_EQ(Receive(journal), "");
-    });
-    if (result.exitCode == sNotAllowed)
-        GTEST_SKIP() << "a mount namespace is not allowed here";
-    EXPECT_EQ(result.exitCode, 0) << result.err << result.out;
+        EXPECT_EQ(journal.receive(), "");
+    };
+    ky::test::ExpectPassesWithDaemon("/run/systemd/journal/socket", body);
 }
 #endif
 
@@ -132,9 +90,7 @@ struct Logrotate : ky::test::FullLibrary {};
 TEST_F(Logrotate, RenamesTheFileUnderRunningThreadsAndLosesNoLine)
 {
     const ky::test::TemporaryFolder folder;
-    std::ostringstream recipe;
-    recipe << std::ifstream(std::string(KY_EXAMPLES) + "/app.logrotate").rdbuf();
-    std::string text = recipe.str();
+    std::string text = ky::test::Content(KY_EXAMPLES "/app.logrotate");
     const std::string path = "/var/log/app/app.log";
     ASSERT_NE(text.find(path), std::string::npos);
     text.replace(text.find(path), path.size(), folder.path("app.log"));
@@ -142,26 +98,25 @@ TEST_F(Logrotate, RenamesTheFileUnderRunningThreadsAndLosesNoLine)
     ::chmod(config.c_str(), 0644);
     ASSERT_TRUE(ky::kyLog::Instance()->installFileHandlerUtf8(folder.path("app.log")));
 
-    std::atomic<bool> stop = false;
     std::atomic<unsigned long> written = 0;
-    std::thread threads[4];
-    for (std::thread& thread : threads)
-        thread = std::thread([&] {
-            for (; !stop; ++written)
+    const auto waitForLines = [&] {
+        for (const unsigned long before = written; written < before + 50;)
+            std::this_thread::yield();
+    };
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&](const std::stop_token& stop) {
+            for (; !stop.stop_requested(); ++written)
                 ky::kyLogObject(ky::kyLog::Info).setFlushNow() << "line";
         });
     for (int i = 0; i < 5; ++i) {
-        for (const unsigned long before = written; written < before + 50;)
-            std::this_thread::yield();
+        waitForLines();
         const auto result =
             RunCommand({"/usr/sbin/logrotate", "-f", "-s", folder.path("state"), config});
         EXPECT_EQ(result.exitCode, 0) << result.err;
     }
-    for (const unsigned long before = written; written < before + 50;)
-        std::this_thread::yield();
-    stop = true;
-    for (std::thread& thread : threads)
-        thread.join();
+    waitForLines();
+    threads.clear();
     ky::kyLog::Instance()->removeFileHandler();
     const auto lines = RunCommand(
         {"sh", "-c", "ls \"$0\".?* | wc -l; zcat -f \"$0\"* | wc -l", folder.path("app.log")});

@@ -13,17 +13,13 @@
 #include <cstdlib>
 
 using ky::test::ChildResult;
+using ky::test::Contains;
 using ky::test::Lines;
 using ky::test::RunCommand;
 
 namespace {
 
 constexpr const char* sSymbolisers[] = {"addr2line", "llvm-symbolizer"};
-
-bool Contains(const std::string& text, const std::string& what)
-{
-    return text.find(what) != std::string::npos;
-}
 
 /// `ky crash` with a folder of its own as `PATH`.
 ChildResult Decode(const std::string& report, const ky::test::TemporaryFolder& path)
@@ -138,7 +134,6 @@ TEST(CrashCommand, SaysWhatIsMissing)
     const auto noFile = RunCommand({KY_COMMAND, "crash", empty.path("missing")});
     EXPECT_EQ(noFile.exitCode, 1);
     EXPECT_TRUE(Contains(noFile.err, "ky: Cannot open " + empty.path("missing") + ". System err"));
-    EXPECT_EQ(RunCommand({KY_COMMAND, "crash", empty.path("")}).exitCode, 1);
     EXPECT_EQ(RunCommand({KY_COMMAND, "crash", "a", "b"}).exitCode, 2);
 }
 
@@ -161,13 +156,10 @@ TEST(CrashCommand, WithstandsAnyReport)
         std::string shown;
     } rows[] = {
         {Report(fifo), "Not looked up: " + fifo + ", not a regular file"},
-        {Report("/dev/zero"), "Not looked up: /dev/zero, not a regular file"},
         {Report("/etc/passwd"), "Not looked up: /etc/passwd, not a program"},
         {Report("@" + fifo), "Not looked up: @" + fifo + ", no such file"},
-        {Report("--help"), "Not looked up: --help, no such file"},
         {Report("/bin/true; echo \"$(id)\" 'x\\012"), "no such file"},
         {Report(KY_COMMAND, "none"), "no build-id in the report"},
-        {Report(KY_COMMAND, "../../../etc"), "no build-id in the report"},
         {Report("/\x1b[31m\xc2\x9bred"), "/\\x1b[31m\xc2\\x9bred, no such file"},
         {"Got signal (SIGX)\nx [0xffffffffffffffff]\nx [0x0]\n", "0xffffffffffffffff x\n"},
         {"CRITICAL PID 1 : tail(+0x1) [0x12]\n", "A report without its first line\n"},

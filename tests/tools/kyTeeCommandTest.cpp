@@ -13,8 +13,6 @@ using ky::test::Content;
 using ky::test::Lines;
 using ky::test::RunCommand;
 
-namespace {}  // namespace
-
 TEST(TeeCommand, GivesEveryByteToEveryOutput)
 {
     const ky::test::TemporaryFolder folder;
@@ -44,13 +42,13 @@ TEST(TeeCommand, TellsEachFailureOnceAndGoesOnWithTheOthers)
     EXPECT_TRUE(result.out == input && Content(first) == input && Content(last) == input);
     const auto lines = Lines(result.err);
     ASSERT_EQ(lines.size(), 4u) << result.err;
-    EXPECT_EQ(lines[0].find("ky: Cannot open " + folder.path("none/file") +
-                            ". System error : '(2) ENOENT "),
-              0u);
-    EXPECT_EQ(
-        lines[1].find("ky: Cannot open " + folder.path("") + ". System error : '(21) EISDIR "), 0u);
+    EXPECT_TRUE(lines[0].starts_with("ky: Cannot open " + folder.path("none/file") +
+                                     ". System error : '(2) ENOENT "));
+    EXPECT_TRUE(lines[1].starts_with("ky: Cannot open " + folder.path("") +
+                                     ". System error : '(21) EISDIR "));
     for (const std::size_t i : {2, 3})
-        EXPECT_EQ(lines[i].find("ky: Cannot write to /dev/full. System error : '(28) ENOSPC "), 0u);
+        EXPECT_TRUE(
+            lines[i].starts_with("ky: Cannot write to /dev/full. System error : '(28) ENOSPC "));
 
     // A reader that is gone, and a limit: neither ends the command.
     const auto limited = RunCommand({KY_COMMAND, "tee", first, last}, input, [&] {
@@ -65,13 +63,12 @@ TEST(TeeCommand, TellsEachFailureOnceAndGoesOnWithTheOthers)
     const auto reports = Lines(limited.err);
     ASSERT_EQ(reports.size(), 3u) << limited.err;
     for (std::size_t i = 0; i < 2; ++i)
-        EXPECT_EQ(reports[i].find("ky: Cannot write to " + (i == 0 ? first : last) +
-                                  ". System error : '(27) EFBIG "),
-                  0u);
-    EXPECT_EQ(reports[2].find("ky: Cannot write to standard output. "), 0u);
+        EXPECT_TRUE(reports[i].starts_with("ky: Cannot write to " + (i == 0 ? first : last) +
+                                           ". System error : '(27) EFBIG "));
+    EXPECT_TRUE(reports[2].starts_with("ky: Cannot write to standard output. "));
     EXPECT_TRUE(Content(first).size() == 100'000 && Content(last).size() == 100'000);
 
     const auto noInput = RunCommand({KY_COMMAND, "tee"}, "", [] { ::close(STDIN_FILENO); });
     EXPECT_EQ(noInput.exitCode, 1);
-    EXPECT_EQ(noInput.err.find("ky: Cannot read standard input. "), 0u) << noInput.err;
+    EXPECT_TRUE(noInput.err.starts_with("ky: Cannot read standard input. ")) << noInput.err;
 }

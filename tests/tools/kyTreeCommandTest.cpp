@@ -15,6 +15,7 @@
 #include <unistd.h>
 #include <cstdlib>
 
+using ky::test::Contains;
 using ky::test::Content;
 using ky::test::Lines;
 using ky::test::RunCommand;
@@ -29,18 +30,6 @@ std::string EmptyFolder(const TemporaryFolder& folder, const std::string& name)
 {
     fs::create_directories(folder.path(name));
     return folder.path(name);
-}
-
-struct ::stat Status(const std::string& path)
-{
-    struct ::stat status = {};
-    ::lstat(path.c_str(), &status);
-    return status;
-}
-
-bool Contains(const std::string& text, const std::string& what)
-{
-    return text.find(what) != std::string::npos;
 }
 
 }  // namespace
@@ -83,9 +72,11 @@ TEST(TreeCommand, CopiesWhateverTheNamesLinksAndSizesAre)
         EXPECT_EQ(Content(destination + "/" + name), "of " + name);
     EXPECT_TRUE(Content(destination + "/big") == big);
     EXPECT_TRUE(Content(destination + "/sparse") == hole);
-    EXPECT_LT(Status(destination + "/sparse").st_blocks, 2048);
-    EXPECT_EQ(Status(destination + "/plain").st_mode & 07777, 0640u);
-    EXPECT_EQ(Status(destination + "/closed").st_mode & 07777, 0555u);
+    struct stat status = {};
+    ::stat((destination + "/sparse").c_str(), &status);
+    EXPECT_LT(status.st_blocks, 2048);
+    EXPECT_EQ(fs::status(destination + "/plain").permissions(), fs::perms(0640));
+    EXPECT_EQ(fs::status(destination + "/closed").permissions(), fs::perms(0555));
     for (const std::string& tree : {source, destination})
         ::chmod((tree + "/closed").c_str(), 0755);
     const auto count = [](const std::string& path) {
