@@ -1,7 +1,6 @@
 #include "ky/kyLog.h"
 
 #include "ky/kyMutex.h"
-#include "ky/kyThread.h"
 #include "ky/kyWaitCondition.h"
 
 #include "support/Asleep.h"
@@ -13,7 +12,6 @@
 #include <chrono>
 #include <future>
 #include <map>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -22,6 +20,7 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 
@@ -88,14 +87,26 @@ std::vector<std::string> MessagesOfLines(const std::string& text)
 
 void LogFrom(int threads, int lines)
 {
-    std::vector<std::thread> producers;
+    std::vector<std::jthread> producers;
     for (int thread = 0; thread < threads; ++thread)
         producers.emplace_back([=] {
             for (int i = 0; i < lines; ++i)
                 kyLogObject(kyLog::Info) << Line(thread, i);
         });
-    for (std::thread& producer : producers)
-        producer.join();
+}
+
+ky::test::ChildResult RunAtFullLevel(const std::function<void(kyLog&)>& body)
+{
+    return ky::test::RunInChild([&] {
+        ky::initializeKySystem(ky::InitType::Full, false);
+        body(*kyLog::Instance());
+    });
+}
+
+[[noreturn]] void Wait()
+{
+    for (;;)
+        ::pause();
 }
 
 }  // namespace
@@ -104,12 +115,11 @@ TEST(LogThreadOutput, CarriesEveryLineOfManyThreadsOnceWholeAndInOrder)
 {
     constexpr int threads = sIsSanitized ? 8 : 64;
     constexpr int lines = sIsSanitized ? 300 : 1000;
-    const auto result = ky::test::RunInChild([&] {
-        ky::initializeKySystem(ky::InitType::Full, false);
+    const auto result = RunAtFullLevel([&](kyLog& log) {
         Messages messages;
-        kyLog::Instance()->installCustomHandler(&Messages::Handle, &messages);
+        log.installCustomHandler(&Messages::Handle, &messages);
         LogFrom(threads, lines);
-        kyLog::Instance()->installCustomHandler(nullptr, nullptr);
+        log.installCustomHandler(nullptr, nullptr);
         ExpectEachOnceInOrder(messages.all, threads, lines);
         ky::terminateKySystem();
     });
@@ -153,13 +163,10 @@ TEST_F(LogThread, HoldsAProducerBackAboveSixteenMebibytesOnly)
     // The queue was swapped out, so it is empty now. Exactly 16 MiB do not wait.
     kyLogObject(kyLog::Info) << std::string(16777216, 'x');
     std::atomic<bool> passed = false;
-    std::promise<std::string> id;
-    std::thread producer([&] {
-        id.set_value(ky::kyThread::CurrentThreadId());
+    std::thread producer = ky::test::StartUntilAsleep([&] {
         kyLogObject(kyLog::Info) << "y";
         passed = true;
     });
-    ky::test::WaitUntilAsleep(id.get_future().get());
     EXPECT_FALSE(passed);
     gate.leave.set_value();
     producer.join();
@@ -168,75 +175,46 @@ TEST_F(LogThread, HoldsAProducerBackAboveSixteenMebibytesOnly)
 TEST_F(LogThread, WritesUnderTheConfigurationOfTheMomentOfLogging)
 {
     log.setLogLevel(ky::kyLogLevel::Debug);
-    std::atomic<bool> stop = false;
-    std::vector<std::thread> producers;
+    std::vector<std::jthread> producers;
     for (int i = 0; i < 2; ++i)
-        producers.emplace_back([&] {
+        producers.emplace_back([](const std::stop_token& stop) {
             const std::string noise(2000, 'n');
-            while (!stop)
+            while (!stop.stop_requested())
                 kyLogObject(kyLog::Debug, "noise") << noise;
         });
     for (int round = 0; round < 100; ++round) {
-        auto messages = std::make_unique<Messages>();
-        ASSERT_TRUE(log.installCustomHandler(&Messages::Handle, messages.get()));
+        // Freed with its content looked at while others log on: no call of the handler is left.
+        Messages messages;
+        ASSERT_TRUE(log.installCustomHandler(&Messages::Handle, &messages));
         kyLogObject(kyLog::Info) << "mine";
         ASSERT_TRUE(log.installCustomHandler(nullptr, nullptr));
-        // Freed with its content looked at while others log on: no call of the handler is left.
-        ASSERT_EQ(std::count(messages->all.begin(), messages->all.end(), "mine"), 1);
-        messages.reset();
+        ASSERT_EQ(std::count(messages.all.begin(), messages.all.end(), "mine"), 1);
         kyLogObject(kyLog::Info) << "unheard";
     }
-    stop = true;
-    for (std::thread& producer : producers)
-        producer.join();
 }
 
 TEST_F(LogThread, LetsAHandlerLogFlushConfigureThrowAndRemoveItself)
 {
-    struct Talker {
-        kyLog& log;
-        std::vector<std::string> heard;
-    } talker{log, {}};
+    Messages heard;
     const auto talk = [](Batch& batch, void* self) {
-        auto& t = *static_cast<Talker*>(self);
-        for (const auto& entry : batch)
-            t.heard.push_back(entry.message);
-        kyLogObject(kyLog::Info).setFlushNow() << "about " << batch.front().message;
-        t.log.flush();
-        t.log.setEchoToConsole(false);
-        t.log.setSubTypeEnabled("x", false);
-        if (batch.front().message == "throw")
+        Messages::Handle(batch, self);
+        const std::string message = batch.front().message;
+        kyLog& own = *kyLog::Instance();
+        kyLogObject(kyLog::Info).setFlushNow() << "about " << message;
+        own.flush();
+        own.setSubTypeEnabled("x", false);
+        if (message == "throw")
             throw std::runtime_error("of the handler");
-        if (batch.front().message == "leave")
-            t.log.installCustomHandler(nullptr, nullptr);
+        if (message == "leave")
+            own.installCustomHandler(nullptr, nullptr);
     };
-    log.installCustomHandler(talk, &talker);
-    kyLogObject(kyLog::Info).setFlushNow() << "start";
-    EXPECT_EQ(talker.heard, (std::vector<std::string>{"start", "about start"}));
-    talker.heard.clear();
-    kyLogObject(kyLog::Info).setFlushNow() << "throw";
-    log.flush();
+    log.installCustomHandler(talk, &heard);
+    for (const char* message : {"start", "throw", "leave", "unheard"}) {
+        kyLogObject(kyLog::Info).setFlushNow() << message;
+        log.flush();
+    }
     // The report goes to the other sinks: a handler that always throws would be called for ever.
-    EXPECT_EQ(talker.heard, std::vector<std::string>{"throw"});
-    talker.heard.clear();
-    kyLogObject(kyLog::Info).setFlushNow() << "leave";
-    kyLogObject(kyLog::Info).setFlushNow() << "unheard";
-    EXPECT_EQ(talker.heard, std::vector<std::string>{"leave"});
-}
-
-TEST_F(LogThread, CallsAHandlerThatAlwaysThrowsOncePerBatch)
-{
-    std::atomic<int> calls = 0;
-    log.installCustomHandler(
-        [](Batch&, void* count) {
-            ++*static_cast<std::atomic<int>*>(count);
-            throw 1;
-        },
-        &calls);
-    kyLogObject(kyLog::Info).setFlushNow() << "one";
-    kyLogObject(kyLog::Info).setFlushNow() << "two";
-    log.flush();
-    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(heard.all, (std::vector<std::string>{"start", "about start", "throw", "leave"}));
 }
 
 TEST_F(LogThread, WritesOnTheCallersThreadWhenItsOwnWasEnded)
@@ -263,8 +241,7 @@ TEST_F(LogThread, StartsAndStopsAsFastAsItCan)
 
 TEST(LogThreadAtExit, WritesWhatIsQueuedAndWhatStaticDestructorsLog)
 {
-    const auto result = ky::test::RunInChild([] {
-        ky::initializeKySystem(ky::InitType::Full, false);
+    const auto result = RunAtFullLevel([](kyLog&) {
         LogFrom(4, 500);
         std::exit(7);
     });
@@ -274,38 +251,32 @@ TEST(LogThreadAtExit, WritesWhatIsQueuedAndWhatStaticDestructorsLog)
 
 TEST(LogThreadAtExit, GivesUpOnAHandlerThatIsStuck)
 {
-    const auto result = ky::test::RunInChild([] {
-        ky::initializeKySystem(ky::InitType::Full, false);
-        kyLog::Instance()->installCustomHandler([](Batch&, void*) { ::pause(); }, nullptr);
+    const auto result = RunAtFullLevel([](kyLog& log) {
+        log.installCustomHandler([](Batch&, void*) { ::pause(); }, nullptr);
         kyLogObject(kyLog::Info) << "last";
         std::exit(7);
     });
     EXPECT_EQ(result.exitCode, 7);
-    EXPECT_NE(result.out.find(" : last\n"), std::string::npos);
+    EXPECT_TRUE(result.out.ends_with(" : last\n"));
 }
 
 TEST(LogThreadAtExit, WritesTheRestWhenAHandlerExits)
 {
-    const auto result = ky::test::RunInChild([] {
-        ky::initializeKySystem(ky::InitType::Full, false);
-        std::promise<void> entered;
-        std::promise<void> go;
-        static std::promise<void>* sEntered = &entered;
-        static std::promise<void>* sGo = &go;
-        kyLog::Instance()->installCustomHandler(
+    const auto result = RunAtFullLevel([](kyLog& log) {
+        static std::promise<void> sEntered;
+        static std::promise<void> sGo;
+        log.installCustomHandler(
             [](Batch&, void*) {
-                sEntered->set_value();
-                sGo->get_future().wait();
+                sEntered.set_value();
+                sGo.get_future().wait();
                 std::exit(7);
             },
             nullptr);
         kyLogObject(kyLog::Info) << "exit";
-        entered.get_future().wait();
-        for (int i = 0; i < 100; ++i)
-            kyLogObject(kyLog::Info) << Line(0, i);
-        go.set_value();
-        for (;;)
-            ::pause();
+        sEntered.get_future().wait();
+        LogFrom(1, 100);
+        sGo.set_value();
+        Wait();
     });
     EXPECT_EQ(result.exitCode, 7);
     auto messages = MessagesOfLines(result.out);
@@ -317,15 +288,13 @@ TEST(LogThreadFork, LetsAChildReturnFromAHandlerAndTakeSignals)
 {
     if (sIsSanitized)
         GTEST_SKIP() << "the sanitizer knows nothing of the threads that the child left behind";
-    const auto result = ky::test::RunInChild([] {
-        ky::initializeKySystem(ky::InitType::Full, false);
-        kyLog::Instance()->installCustomHandler(
+    const auto result = RunAtFullLevel([](kyLog& log) {
+        log.installCustomHandler(
             [](Batch&, void*) {
                 for (const bool waits : {false, true}) {
                     const pid_t child = ::fork();
                     if (child == 0 && waits)
-                        for (;;)
-                            ::pause();
+                        Wait();
                     if (child == 0)
                         return;
                     if (waits)
@@ -338,7 +307,7 @@ TEST(LogThreadFork, LetsAChildReturnFromAHandlerAndTakeSignals)
             nullptr);
         ::alarm(60);
         kyLogObject(kyLog::Info).setFlushNow() << "fork";
-        kyLog::Instance()->installCustomHandler(nullptr, nullptr);
+        log.installCustomHandler(nullptr, nullptr);
         ky::terminateKySystem();
     });
     EXPECT_EQ(result.exitCode, 0) << result.err;
@@ -349,13 +318,11 @@ TEST(LogThreadFork, LetsChildrenLogAndEndWhileOthersHoldTheLocks)
     if (sIsSanitized)
         GTEST_SKIP() << "the sanitizer's own locks are not renewed in a child of many threads";
     constexpr int rounds = 100;
-    const auto result = ky::test::RunInChild([] {
-        ky::initializeKySystem(ky::InitType::Full, false);
-        std::atomic<bool> stop = false;
-        std::vector<std::thread> producers;
+    const auto result = RunAtFullLevel([](kyLog& log) {
+        std::vector<std::jthread> producers;
         for (int i = 0; i < 8; ++i)
-            producers.emplace_back([&, i] {
-                for (int line = 0; !stop; ++line)
+            producers.emplace_back([i](const std::stop_token& stop) {
+                for (int line = 0; !stop.stop_requested(); ++line)
                     kyLogObject(kyLog::Info)
                         << "parent " << std::string(1000, 'p') << i << " " << line;
             });
@@ -364,12 +331,10 @@ TEST(LogThreadFork, LetsChildrenLogAndEndWhileOthersHoldTheLocks)
             if (child == 0) {
                 ::alarm(60);
                 kyLogObject(kyLog::Info).setFlushNow() << "child " << round;
-                kyLog::Instance()->flush();
-                kyLog::Instance()->setEchoToConsole(true);
-                {
-                    ky::kyMutex mutex;
-                    ky::kyWaitCondition condition;
-                }
+                log.flush();
+                log.setEchoToConsole(true);
+                ky::kyMutex();
+                ky::kyWaitCondition();
                 ky::terminateKySystem();
                 std::exit(0);
             }
@@ -377,18 +342,16 @@ TEST(LogThreadFork, LetsChildrenLogAndEndWhileOthersHoldTheLocks)
             ::waitpid(child, &status, 0);
             EXPECT_EQ(status, 0) << "round " << round;
         }
-        stop = true;
-        for (std::thread& producer : producers)
-            producer.join();
+        producers.clear();
         ky::terminateKySystem();
     });
     EXPECT_EQ(result.exitCode, 0) << result.err;
     int childLines = 0;
     std::map<std::string, int> lines;
     for (const std::string& message : MessagesOfLines(result.out)) {
-        if (message.compare(0, 7, "Detect ") == 0)
+        if (message.starts_with("Detect "))
             continue;
-        childLines += message.compare(0, 6, "child ") == 0 ? 1 : 0;
+        childLines += message.starts_with("child ");
         EXPECT_EQ(++lines[message], 1) << message;
     }
     EXPECT_EQ(childLines, rounds);
@@ -411,8 +374,7 @@ void CrashInLogThread()
                                             nullptr);
     kyLogObject(kyLog::Info).setFlushNow() << "who are you";
     ::pthread_kill(sLogThread, SIGSEGV);
-    for (;;)
-        ::pause();
+    Wait();
 }
 
 void CrashInHandler()
@@ -420,8 +382,7 @@ void CrashInHandler()
     kyLog::Instance()->installCustomHandler(
         [](Batch&, void*) { *static_cast<volatile int*>(nullptr) = 1; }, nullptr);
     kyLogObject(kyLog::Info) << "crash";
-    for (;;)
-        ::pause();
+    Wait();
 }
 
 }  // namespace
@@ -451,21 +412,27 @@ TEST(LogThreadCrash, LosesNoLineAndDiesOfTheSignal)
         {"the log's own thread", SIGSEGV, &CrashInLogThread},
         {"a custom handler", SIGSEGV, &CrashInHandler},
     };
+    const ky::test::TemporaryFolder folder;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        const auto result = ky::test::RunInChild([&] {
-            ky::initializeKySystem(ky::InitType::Full, false);
+        const std::string file = folder.path(row.name);
+        const auto result = RunAtFullLevel([&](kyLog& log) {
+            ASSERT_TRUE(log.installFileHandlerExUtf8(folder.path(""), row.name,
+                                                     kyLog::FileEchoToConsole, 0, 0,
+                                                     kyLog::TimeRotationInterval::None));
             LogFrom(4, 500);
             row.crash();
         });
         EXPECT_EQ(result.signal, row.signal) << result.err;
-        std::vector<std::string> messages = MessagesOfLines(result.out);
-        const auto report = std::find_if(messages.begin(), messages.end(), [](auto& message) {
-            return message.compare(0, 12, "Got signal (") == 0;
-        });
-        EXPECT_NE(report, messages.end());
-        messages.resize(4 * 500);
-        ExpectEachOnceInOrder(messages, 4, 500);
+        for (const std::string& written : {result.out, ky::test::Content(file)}) {
+            std::vector<std::string> messages = MessagesOfLines(written);
+            ASSERT_GT(messages.size(), 2000u);
+            EXPECT_TRUE(std::any_of(messages.begin() + 2000, messages.end(), [](auto& message) {
+                return message.starts_with("Got signal (");
+            }));
+            messages.resize(2000);
+            ExpectEachOnceInOrder(messages, 4, 500);
+        }
     }
 }
 
@@ -477,26 +444,24 @@ TEST(LogThreadCrash, ReportsASignalThatHitsAFlush)
         ::mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     for (int round = 0; round < 10; ++round) {
         heard = false;
-        const auto result = ky::test::RunInChild([&] {
-            ky::initializeKySystem(ky::InitType::Full, false);
-            kyLog::Instance()->installCustomHandler(
+        const auto result = RunAtFullLevel([&](kyLog& log) {
+            log.installCustomHandler(
                 [](Batch& batch, void* flag) {
                     for (const auto& entry : batch)
-                        if (entry.message.compare(0, 12, "Got signal (") == 0)
+                        if (entry.message.starts_with("Got signal ("))
                             *static_cast<std::atomic<bool>*>(flag) = true;
                 },
                 &heard);
+            const auto flush = [](int lines) {
+                for (int i = 0; i < lines; ++i)
+                    kyLogObject(kyLog::Info).setFlushNow() << "flushed";
+            };
             std::vector<std::thread> producers;
             for (int i = 0; i < 3; ++i)
-                producers.emplace_back([] {
-                    for (;;)
-                        kyLogObject(kyLog::Info).setFlushNow() << "flushed";
-                });
-            for (int i = 0; i < 50 + round; ++i)
-                kyLogObject(kyLog::Info).setFlushNow() << "mine";
+                producers.emplace_back(flush, INT_MAX);
+            flush(50 + round);
             ::kill(::getpid(), SIGTERM);
-            for (;;)
-                kyLogObject(kyLog::Info).setFlushNow() << "mine";
+            flush(INT_MAX);
         });
         ASSERT_EQ(result.signal, SIGTERM);
         ASSERT_TRUE(heard || result.err.find("Got signal (") != std::string::npos);
@@ -509,8 +474,7 @@ TEST(LogThreadCrash, LosesNoLineToASignalFromOutsideThatHitsTheAllocator)
     if (sIsSanitized)
         GTEST_SKIP() << "the sanitizer has handlers of its own";
     for (int round = 0; round < 10; ++round) {
-        const auto result = ky::test::RunInChild([&] {
-            ky::initializeKySystem(ky::InitType::Full, false);
+        const auto result = RunAtFullLevel([&](kyLog&) {
             kyLogObject(kyLog::Info) << "accepted";
             if (::fork() == 0) {
                 const pid_t parent = ::getppid();
@@ -541,8 +505,7 @@ TEST(LogThreadCrash, LosesNoAcceptedLineWhenItHitsAProducer)
     for (int round = 0; round < 10; ++round) {
         for (std::atomic<int>& count : accepted)
             count = 0;
-        const auto result = ky::test::RunInChild([&] {
-            ky::initializeKySystem(ky::InitType::Full, false);
+        const auto result = RunAtFullLevel([&](kyLog&) {
             std::vector<std::thread> producers;
             for (int thread = 0; thread < threads; ++thread)
                 producers.emplace_back([&accepted, thread] {
@@ -552,14 +515,12 @@ TEST(LogThreadCrash, LosesNoAcceptedLineWhenItHitsAProducer)
                             << Line(thread, accepted[thread] % 99);
                         ++accepted[thread];
                     }
-                    for (;;)
-                        ::pause();
+                    Wait();
                 });
             while (accepted[0] < 100 + round * 10)
                 std::this_thread::yield();
             ::pthread_kill(producers[0].native_handle(), SIGSEGV);
-            for (;;)
-                ::pause();
+            Wait();
         });
         ASSERT_EQ(result.signal, SIGSEGV);
         // Where the memory allocator was hit, the report is all that is promised.
