@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <memory>
 #include <thread>
 
 #include <fcntl.h>
@@ -131,17 +130,6 @@ TEST_F(LockFile, TellsEachFailureOfAReleaseInOrder)
                          ", Fail to remove lock file, remove error " + ErrorText(ENOENT) +
                          " for '" + path + "'");
     EXPECT_FALSE(lock.isLocked());
-}
-
-TEST_F(LockFile, RemovesNothingWhenItsPathCannotBeConvertedAnyMore)
-{
-    ky::test::ExpectChildPasses([&] {
-        auto last = std::make_unique<kyLockFile>();
-        EXPECT_TRUE(last->takeLockUtf8(path));
-        ky::terminateKySystem();
-        last.reset();
-        EXPECT_TRUE(fs::exists(path));
-    });
 }
 
 TEST_F(LockFile, NeverHasTwoOwnersThoughOthersRemoveTheFile)

@@ -170,6 +170,8 @@ TEST_F(FileStream, SeeksAsFarAsItsWayAllows)
     EXPECT_TRUE(input.seek(-1, sBegin)) << "kept: no error where only reading is possible";
     EXPECT_EQ(input.getCurrentPos(), -1);
     EXPECT_EQ(Read(input, 1), "");
+    EXPECT_TRUE(input.seek(LONG_MAX, sBegin) || input.getCurrentPos() == -1);
+    EXPECT_EQ(Read(input, 1), "");
     EXPECT_TRUE(input.good() && input.seek(0, sBegin));
     EXPECT_EQ(Read(input, 2), "01");
 
