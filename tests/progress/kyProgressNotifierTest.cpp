@@ -76,14 +76,11 @@ TEST(ProgressFold, GivesTheToldFigures)
     } rows[] = {
         {"open 1 3; set 1; step 1 1; set 0.5; close", {0.125f, 0.25f, 0.625f, 1.0f}},
         {"open; set 1", {0.5f}},
-        {"open 7; set 1", {0.5f}},
         {"open 1 -1; set 1; step 1 1", {0.5f, 0.0f}},
-        {"open -1 3; step 1 1; set 1", {-0.5f, 1.0f}},
         {"open 1 1; step 4 9e18; set 2", {0.5f, 0.75f}},
         {"max 4; set 1; set 9; max 0; set 0.5", {0.25f, 1.0f, 0.0f, 0.5f}},
         {"step 4 0; set 1; step -3 0; set 0.5", {0.25f, 0.0f, 0.5f}},
         {"set -5; add 1; add 8; add -5", {-5.0f, 0.0f, 1.0f, 0.0f}},
-        {"set 0.5; open 1 1; set 1; close", {0.5f, 0.0f, 0.25f, 1.0f}},
         {"set 0.5; set 0.500000000001", {0.5f}},
         {"open 1 3; open 1 1; step 1 1; open 1 3; step 4 1; set 2; close",
          {0.125f, 0.15625f, 0.203125f, 0.25f}},
@@ -146,25 +143,21 @@ TEST(ProgressCancel, AsksItsOwnFlagThenTheExternalOnes)
         notifier.setExternalCancelInterface(nullptr);
         notifier.resetNotifier();
         EXPECT_FALSE(notifier.shouldCancel());
+        source.answer = flag = false;
     };
-    {
-        Asked source;
-        bool flag = false;
-        Recorder notifier(&flag, &source);
-        check(notifier, source, flag);
-        EXPECT_TRUE(notifier.wasCancelled) << "reset forgot too early";
-    }
-    {
-        Asked source;
-        bool flag = false;
-        kyProgressNotifierCancelSupportOnly notifier(&flag, &source);
-        check(notifier, source, flag);
-        double progress = 3;
-        notifier.beginStepGroupWeights({1, 1}, 2);
-        notifier.setCurrentStepProgress(1);
-        notifier.getCurrentStepProgress(progress, progress);
-        EXPECT_TRUE(progress == 3 && notifier.getGlobalProgress() == 0.0f);
-    }
+    Asked source;
+    bool flag = false;
+    Recorder notifier(&flag, &source);
+    check(notifier, source, flag);
+    EXPECT_TRUE(notifier.wasCancelled) << "reset forgot too early";
+
+    kyProgressNotifierCancelSupportOnly only(&flag, &source);
+    check(only, source, flag);
+    double progress = 3;
+    only.beginStepGroupWeights({1, 1}, 2);
+    only.setCurrentStepProgress(1);
+    only.getCurrentStepProgress(progress, progress);
+    EXPECT_TRUE(progress == 3 && only.getGlobalProgress() == 0.0f);
 }
 
 TEST(ProgressGroupCloser, ClosesItsGroupUnlessForgiven)
@@ -208,16 +201,12 @@ TEST(ProgressConsoleView, DrawsTheToldBytes)
         std::size_t empty;
         const char* percent;
     } rows[] = {
-        {10, 0.5f, 5, 5, "50"},
         {100, 0.29f, 29, 71, "28"},  // 28.99... in double, 29 in single precision
-        {10, 1.0f, 10, 0, "100"},
         {0, 0.5f, 0, 0, "50"},
-        {-4, 0.5f, 0, 0, "50"},
         {10, -0.25f, 0, 13, "-25"},
         {10, 2.5f, 25, 0, "250"},
         {10, 1e30f, 65536, 0, "2147483647"},
         {10, -1e30f, 0, 65536, "-2147483648"},
-        {0, std::numeric_limits<float>::infinity(), 0, 0, "2147483647"},
         {70000, 3e9f, 70000, 0, "2147483647"},
     };
     for (const auto& row : rows) {
@@ -255,22 +244,20 @@ TEST_F(ProgressNotifier, IsSharedByThreadsThroughAProxy)
         }
         int closed = 0;
     };
-    constexpr int sThreads = 4;
-    constexpr int sSteps = 500;
+    constexpr int increments = 2000;
     Recorder target;
     CountingProxy proxy(&target);
     {
         kyProgressNotifierGroupCloser closer;
-        proxy.beginStepGroupWeights({1, 1}, sThreads * sSteps, &closer);
-        std::vector<std::thread> threads;
-        for (int i = 0; i < sThreads; ++i)
+        proxy.beginStepGroupWeights({1, 1}, increments, &closer);
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 4; ++i)
             threads.emplace_back([&] {
-                for (int step = 0; step < sSteps && !proxy.shouldCancel(); ++step)
+                for (int step = 0; step < increments / 4 && !proxy.shouldCancel(); ++step)
                     proxy.incrementCurrentStepProgress(1);
             });
-        for (std::thread& thread : threads)
-            thread.join();
-        EXPECT_EQ(target.take().size(), static_cast<std::size_t>(sThreads * sSteps));
+        threads.clear();
+        EXPECT_EQ(target.take().size(), std::size_t{increments});
         EXPECT_EQ(proxy.getGlobalProgress(), 0.5f);
     }
     EXPECT_EQ(proxy.closed, 1) << "closed past the lock";
