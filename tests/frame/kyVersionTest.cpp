@@ -38,11 +38,9 @@ TEST(kyVersion, ReplacesAllOfItsValuesAtOnce)
     kyVersion version;
     EXPECT_EQ(version, kyVersion(0, 0, 0, "", 0, 0));
     version.setVersion(6, 7, 8, "second", 9, 10);
-    EXPECT_EQ(version.getMajorVersion(), 6u);
-    EXPECT_EQ(version.getMinorVersion(), 7u);
-    EXPECT_EQ(version.getRevision(), 8u);
     version.setVersion(1, 2, 3, version.getDescription(), 0, 0);
     EXPECT_EQ(version.getDescription(), "second");
+    EXPECT_EQ(version, kyVersion(1, 2, 3, "", 0, 0));
 }
 
 TEST(LibraryVersion, ComposesItsTextsFromItsNumbersAndIsARelease)

@@ -102,12 +102,11 @@ TEST_F(SystemUtils, KnowsTheProcessAndThreadOfAForkedChild)
     }).join();
 
     const pid_t parent = ::getpid();
-    const auto result = ky::test::RunInChild([parent] {
+    ky::test::ExpectChildPasses([parent] {
         EXPECT_EQ(kySystemUtils::GetParentProcessID(), parent);
         EXPECT_EQ(ky::impl::CachedProcessId(), static_cast<unsigned long>(::getpid()));
         EXPECT_EQ(ky::impl::CurrentThreadIdText(), std::to_string(::getpid()));
     });
-    EXPECT_EQ(result.exitCode, 0) << result.err << result.out;
 }
 
 TEST(IdealThreadCount, CountsTheProcessorsThatAffinityAndQuotaLeave)

@@ -34,6 +34,7 @@ extern "C" std::size_t iconv(iconv_t handle, char** in, std::size_t* inLeft, cha
 namespace {
 
 using ky::kyStringUtils;
+using ky::test::ExpectChildPasses;
 using std::string_literals::operator""s;
 
 constexpr auto sLocal = kyStringUtils::CharSetLocal8Bit;
@@ -57,12 +58,6 @@ void Restart(const char* locale)
     kyStringUtils::InitializeStringUtils();
 }
 
-void InChild(const std::function<void()>& body)
-{
-    const ky::test::ChildResult child = ky::test::RunInChild(body);
-    EXPECT_EQ(child.exitCode, 0) << child.out << child.err;
-}
-
 TEST_F(Charset, ConvertsInOneCallOrNotAtAll)
 {
     EXPECT_EQ(ToAscii("é\0b"s), "?\0b"s);
@@ -72,7 +67,6 @@ TEST_F(Charset, ConvertsInOneCallOrNotAtAll)
     EXPECT_EQ(kyStringUtils::convertTo8Bits(L"½½½½", sAscii), " 1/2  1/2  1/2  1/2 ");
     EXPECT_EQ(kyStringUtils::convertCharset("a\0b"s, sAscii, sUtf8), "a\0b"s);
     EXPECT_EQ(kyStringUtils::convertCharset("a\xE9", sAscii, sUtf8), "");
-    EXPECT_EQ(kyStringUtils::convertCharset("é", sUtf8, sUtf8), "");
     EXPECT_EQ(kyStringUtils::convertCharset("a", sUtf8, kyStringUtils::kyCharSet(3)), "");
     for (std::size_t size = 0; size < 140; ++size)
         EXPECT_EQ(ToAscii(std::string(size, 'a') + '\x80'), "") << size;
@@ -93,13 +87,13 @@ TEST_F(Charset, ConvertsWideText)
 
 TEST(CharsetOfTheEnvironment, IsReadWhenAThreadOpensItsConverters)
 {
-    InChild([] {
+    ExpectChildPasses([] {
         Restart("C.UTF-8");
         EXPECT_EQ(kyStringUtils::convertCharset("\xEF\xBB\xBFé€", sUtf8, sLocal), "\xEF\xBB\xBFé€");
         EXPECT_EQ(kyStringUtils::convertCharset("é\xFF", sUtf8, sLocal), "");
         EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C");
     });
-    InChild([] {
+    ExpectChildPasses([] {
         Restart("C");
         EXPECT_EQ(kyStringUtils::convertCharset("\xE9", sLocal, sUtf8), "");
         ::setenv("LC_ALL", "C.UTF-8", 1);
@@ -124,7 +118,7 @@ TEST(CharsetOfTheEnvironment, KeepsAllTextThatIsValidInIt)
     ky::test::RunCommand({"localedef", "-i", "en_US", "-f", "ISO-8859-15", folder.path("local")});
     if (!std::filesystem::exists(folder.path("local/LC_CTYPE")))
         GTEST_SKIP() << "no localedef, or no sources for en_US in ISO-8859-15";
-    InChild([&folder] {
+    ExpectChildPasses([&folder] {
         ::setenv("LOCPATH", folder.path("").c_str(), 1);
         Restart("local");
         EXPECT_EQ(kyStringUtils::UnknownEncodingToUtf8("\xA4\xA4\xA4", '#'), "€€€");
@@ -205,7 +199,7 @@ TEST_F(Charset, OpensConvertersInAChildForkedWhileOthersOpenTheirs)
     // From a thread without converters, so that the child has to open its own.
     for (int i = 0; i < 200 && !HasFailure(); ++i)
         std::thread([] {
-            InChild([] {
+            ExpectChildPasses([] {
                 ::alarm(30);
                 EXPECT_EQ(ToAscii("é"), "?");
             });

@@ -26,7 +26,6 @@ using ky::kyMathUtils;
 
 TEST(FormatIntegerSeparator, GroupsDigitsByThreeFromTheRight)
 {
-    EXPECT_EQ(kyMathUtils::FormatIntegerSeparator(0), "0");
     EXPECT_EQ(kyMathUtils::FormatIntegerSeparator(999), "999");
     EXPECT_EQ(kyMathUtils::FormatIntegerSeparator(ULONG_MAX), "18,446,744,073,709,551,615");
 }
