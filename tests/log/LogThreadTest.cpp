@@ -322,8 +322,9 @@ TEST(LogThreadFork, LetsChildrenLogAndEndWhileOthersHoldTheLocks)
         std::vector<std::jthread> producers;
         for (int i = 0; i < 8; ++i)
             producers.emplace_back([i](const std::stop_token& stop) {
+                // With a wait now and then, or each child has a full queue to wait for.
                 for (int line = 0; !stop.stop_requested(); ++line)
-                    kyLogObject(kyLog::Info)
+                    kyLogObject(kyLog::Info).setFlushNow(line % 20 == 0)
                         << "parent " << std::string(1000, 'p') << i << " " << line;
             });
         for (int round = 0; round < rounds; ++round) {
