@@ -55,6 +55,7 @@ TEST_F(DirUtils, TellsWhatAnEntryIs)
             << row.path;
         EXPECT_EQ(kyDirUtils::FileExistsUtf8(row.path), row.exists) << row.path;
         EXPECT_EQ(kyDirUtils::DirExistsUtf8(row.path), row.isDir) << row.path;
+        EXPECT_FALSE(kyDirUtils::IsNetworkPath(row.path)) << row.path;
     }
     struct timespec times[] = {{1, 0}, {2, 0}};
     ::utimensat(AT_FDCWD, file.c_str(), times, 0);
