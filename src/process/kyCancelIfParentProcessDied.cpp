@@ -3,6 +3,7 @@
 #include "ky/kyLog.h"
 #include "ky/kyMutex.h"
 #include "ky/kyProcess.h"
+#include "ky/kySystemUtils.h"
 #include "ky/kyThread.h"
 #include "ky/kyWaitCondition.h"
 
@@ -23,11 +24,18 @@ struct Watch {
     {
         kyMutexLocker lock(mutex);
         while (!stopRequested) {
-            if (parent.getState() == kyProcess::Finished)
+            if (isParentGone())
                 return true;
             stopCondition.wait(&mutex, sPeriodMs);
         }
         return false;
+    }
+    // `parent` stays empty where its files in proc(5) cannot be read: hidden from this user, no
+    // descriptor left, or gone just now.
+    bool isParentGone() const
+    {
+        return parent.getState() == kyProcess::Finished ||
+               kySystemUtils::GetParentProcessID() != parentId;
     }
     void stop()
     {
@@ -37,6 +45,7 @@ struct Watch {
     }
 
     std::atomic<bool> parentDied{false};  // written under `mutex`, read by anyone
+    const long parentId = kySystemUtils::GetParentProcessID();
     kyProcess parent;
     kyMutex mutex;
     kyWaitCondition stopCondition;

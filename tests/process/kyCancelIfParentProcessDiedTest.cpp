@@ -4,6 +4,7 @@
 
 #include "support/Asleep.h"
 #include "support/Child.h"
+#include "support/FailingCall.h"
 #include "support/Library.h"
 
 #include <atomic>
@@ -16,8 +17,10 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <cerrno>
 
 using Watcher = ky::kyCancelIfParentProcessDied;
 using Clock = std::chrono::steady_clock;
@@ -171,6 +174,9 @@ TEST(ParentWatcher, MayBeDestroyedByTheHandlerThatHearsOfTheDeath)
                 ky::initializeKySystem(level, false);
                 Host host;
                 ky::kyLog::Instance()->installCustomHandler(&Host::Handle, &host);
+                // Nor does it need what proc(5) tells of the parent.
+                if (level == ky::InitType::Light)
+                    ky::test::LetCallFail(SYS_openat, EMFILE);
                 host.watcher = new Watcher;
                 Family::Say(word);
                 WaitUntil([&] { return host.isDone.load(); });
