@@ -8,6 +8,7 @@
 
 #include "support/Asleep.h"
 #include "support/Child.h"
+#include "support/FailingCall.h"
 #include "support/Library.h"
 
 #include <atomic>
@@ -16,14 +17,10 @@
 #include <thread>
 #include <vector>
 
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <cerrno>
-#include <cstddef>
 
 using ky::kyThread;
 using Catcher = ky::kyCancelConsoleEventCatcher;
@@ -37,22 +34,10 @@ bool IsDefault(int signal)
     return action.sa_handler == SIG_DFL;
 }
 
-/// From now on the system refuses to set the action of SIGINT (seccomp(2)).
-void ForbidActionOfSigint()
+void ExpectCritical(const std::string& line, const std::string& text)
 {
-    sock_filter filter[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_rt_sigaction, 0, 4),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SIGINT, 0, 2),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
-    };
-    sock_fprog program = {std::size(filter), filter};
-    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+    EXPECT_EQ(line.find("CRITICAL PID "), 0u) << line;
+    EXPECT_EQ(line.find(" : " + text), line.size() - text.size() - 3) << line;
 }
 
 /// Tries both calls on the calling thread, and tells whether they did anything.
@@ -131,13 +116,8 @@ TEST(ConsoleEventCatcher, BelongsToTheThreadThatInitialisedTheLibrary)
         EXPECT_FALSE(MayCatchOnThread());
         const auto lines = ky::test::Lines(console.take());
         ASSERT_EQ(lines.size(), 2u);
-        for (const std::string verb : {"Create", "Delete"}) {
-            const std::string& line = lines[verb == "Delete"];
-            EXPECT_EQ(line.find("CRITICAL PID "), 0u) << line;
-            const std::string end =
-                " : Trying to " + verb + " signal catcher outside of main thread";
-            EXPECT_EQ(line.find(end), line.size() - end.size()) << line;
-        }
+        ExpectCritical(lines[0], "Trying to Create signal catcher outside of main thread");
+        ExpectCritical(lines[1], "Trying to Delete signal catcher outside of main thread");
         ky::terminateKySystem();
 
         std::thread([] {
@@ -155,17 +135,16 @@ TEST(ConsoleEventCatcher, ReportsASignalThatIsRefusedAndGoesOn)
 {
     const auto result = ky::test::RunInChild([] {
         ky::initializeKySystem(ky::InitType::Light, false);
-        ::signal(SIGINT, SIG_DFL);
-        ForbidActionOfSigint();
+        ky::test::LetCallFail(SYS_rt_sigaction, EPERM);
         Catcher::Create();
-        EXPECT_TRUE(IsDefault(SIGINT) && !IsDefault(SIGTERM));
-        ky::terminateKySystem();
     });
     EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(result.out.find("CRITICAL PID "), 0u) << result.out;
-    const std::string end =
-        " : Failed to install 2 signal handler : " + ky::test::ErrorText(EPERM) + "\n";
-    EXPECT_EQ(result.out.find(end), result.out.size() - end.size()) << result.out;
+    const auto lines = ky::test::Lines(result.out);
+    ASSERT_EQ(lines.size(), 2u) << result.out;
+    for (const int signal : {SIGINT, SIGTERM})
+        ExpectCritical(lines[signal == SIGTERM],
+                       "Failed to install " + std::to_string(signal) +
+                           " signal handler : " + ky::test::ErrorText(EPERM));
 }
 
 TEST(ConsoleEventCatcher, DisturbsNoServiceOfTheLibrary)
