@@ -35,9 +35,10 @@ public:
 
     /// Connects to who listens on that name; true when connected already, to whomever. False with
     /// `errno` when nobody listens (ECONNREFUSED, ENOENT), so many wait there that there is no room
-    /// (EAGAIN), or the name has no local one (ENOENT). A path of more than 106 bytes is also
-    /// logged, at CRITICAL (ENAMETOOLONG). Nothing is waited for. Success clears the three flags
-    /// below; the buffers stay as they are, with what an earlier peer has not taken.
+    /// (EAGAIN), the name has no local one (ENOENT), or as socket(2) and connect(2) fail (EMFILE,
+    /// EACCES). A path of more than 106 bytes is also logged, at CRITICAL (ENAMETOOLONG). Nothing
+    /// is waited for. Success clears the three flags below; the buffers stay as they are, with what
+    /// an earlier peer has not taken.
     bool connectToNamedPipeServerUtf8(const std::string& name);
 
     /// Receives once, when there is room in the read buffer, and then sends once what is pending,
@@ -65,8 +66,8 @@ public:
     /// stream, for who the peer is (SO_PEERCRED, socket(7)).
     int getSocket() const;
     /// Takes a connected stream socket over, which may be a blocking one, and clears the three
-    /// flags. The socket that the pipe had is closed, unless it is the same. A number below 3 is
-    /// exchanged for a higher one. -1 closes.
+    /// flags. It becomes close-on-exec. The socket that the pipe had is closed, unless it is the
+    /// same. A number below 3 is exchanged for a higher one. -1 closes.
     void setSocket(int socket);
     /// Leaves buffers and flags as they are. What is pending is not sent.
     void closeNamedPipe();
@@ -125,8 +126,8 @@ public:
     /// the clients wait meanwhile.
     bool waitForNewConnection(int timeoutMs, bool* timedOut);
 
-    /// Waits likewise for the first client, then accepts all that wait. True when the server
-    /// listens afterwards. A wait that fails closes the server.
+    /// Waits likewise for the first client, then accepts those that wait, up to 4096 a call. True
+    /// when the server listens afterwards. A wait that fails closes the server.
     bool processPipeServerEvents(int timeoutMs);
 
     /// Clients that wait to be accepted are turned away, those accepted stay. The file is left

@@ -4,6 +4,7 @@
 
 #include "process/LocalSocket.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <cerrno>
@@ -174,6 +175,9 @@ void kyNamedPipe::setSocket(int socket)
 {
     if (socket != getSocket())
         mState->socket = impl::ScopedFd(socket);
+    // While a program that the host starts had it, the peer would never see the end.
+    if (isConnected())
+        static_cast<void>(::fcntl(getSocket(), F_SETFD, FD_CLOEXEC));
     mState->isReadChannelClosed = false;
     mState->isWriteChannelClosed = false;
     mState->hasWriteFailed = false;
