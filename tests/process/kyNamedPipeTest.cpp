@@ -373,6 +373,9 @@ TEST_F(NamedPipe, ServesClientsThatComeAndGo)
 
 TEST_F(NamedPipe, TakesAnyDescriptorAndRestsWhileThereIsNone)
 {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "without free descriptors the sanitizer takes readable memory for unreadable";
+#endif
     ky::test::ExpectChildPasses([&] {
         const rlimit limit = {1500, 1500};
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
