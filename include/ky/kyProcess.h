@@ -15,7 +15,7 @@ namespace ky {
 /// Texts are UTF-8 and go to the system in the local 8-bit set. A program or folder that has no
 /// unambiguous name there counts as missing; an argument that does not convert becomes "".
 ///
-/// The child gets the signal actions that this process had before the library took signals over,
+/// The child gets the signal actions that this process had before the library's signal watcher,
 /// with handlers turned into default actions, the signal mask of the calling thread (on a thread of
 /// the library the one under which that was created), and no descriptor of the library. Memory is
 /// not copied for it and handlers of pthread_atfork(3) do not run, so a start costs the same

@@ -77,9 +77,13 @@ SignalsForExec GetSignalsForExec() noexcept
     for (std::size_t i = 0; i < sTaken.size(); ++i) {
         const int signal = sWatchedSignals[i].number;
         struct sigaction current = {};
-        if (::sigaction(signal, nullptr, &current) != 0 || !IsOurs(sTaken[i], current))
+        if (::sigaction(signal, nullptr, &current) != 0)
             continue;
-        const bool wasIgnored = sTaken[i].before.sa_handler == SIG_IGN;
+        // A handler over the watcher's, as that of the console catcher, ends with the exec.
+        const bool isHandled = current.sa_handler != SIG_DFL && current.sa_handler != SIG_IGN;
+        if (!isHandled && !IsOurs(sTaken[i], current))
+            continue;
+        const bool wasIgnored = sTaken[i].isTaken && sTaken[i].before.sa_handler == SIG_IGN;
         (wasIgnored ? signals.toIgnore : signals.toDefault) |= std::uint64_t{1} << (signal - 1);
     }
     return signals;

@@ -46,8 +46,9 @@ struct SignalsForExec {
     std::uint64_t toDefault = 0;
 };
 
-/// Every watched signal that still has the watcher's action: it was ignored before the watcher took
-/// it over, and has to be again, or gets its default action. Any thread.
+/// Every watched signal that has the watcher's action or a handler: it was ignored before the
+/// watcher took it over, and has to be again, or gets its default action. What the host has ignored
+/// or set to default since stays. Any thread.
 SignalsForExec GetSignalsForExec() noexcept;
 
 }  // namespace ky::impl
