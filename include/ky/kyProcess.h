@@ -148,8 +148,9 @@ public:
                                  std::vector<std::string>& arguments);
 
     /// Make `process` describe this process, or its parent, whose end it follows. What it was
-    /// before is forgotten, a child keeps running. Command lines are read up to 4096 bytes. False,
-    /// and no change, when proc(5) cannot be read, as of a parent in another namespace.
+    /// before is forgotten, a child keeps running. Command lines are read up to 4096 bytes; what
+    /// proc(5) does not tell stays empty. False, and no change, for a parent in another namespace,
+    /// which has no number here.
     static bool GetCurrentProcess(kyProcess& process);
     static bool GetParentProcess(kyProcess& process);
 

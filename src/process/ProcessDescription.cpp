@@ -3,7 +3,6 @@
 #include "process/ProcessRecord.h"
 #include "text/LocalPath.h"
 
-#include <optional>
 #include <utility>
 
 #include <fcntl.h>
@@ -17,19 +16,34 @@ namespace ky {
 namespace {
 
 constexpr std::size_t sCommandLineBytes = 4096;
+constexpr int sLongestCharacterBytes = 4;
 constexpr unsigned long sBytesPerKibibyte = 1024;
 
-/// Each ended by a zero byte but, where it was cut, the last.
-std::optional<std::vector<std::string>> ReadCommandLine(const std::string& path)
+/// A word that was cut, perhaps within its last character.
+std::string CutToUtf8(std::string word)
+{
+    std::string wordUtf8 = impl::ToUtf8Path(word);
+    for (int i = 1; i < sLongestCharacterBytes && wordUtf8.empty() && !word.empty(); ++i) {
+        word.pop_back();
+        wordUtf8 = impl::ToUtf8Path(word);
+    }
+    return wordUtf8;
+}
+
+/// None when it cannot be read, as that of another user where proc(5) is mounted with hidepid.
+std::vector<std::string> ReadCommandLine(const std::string& path)
 {
     const impl::ScopedFile file = impl::OpenStream(path.c_str(), O_RDONLY, "r");
     if (!file)
-        return std::nullopt;
+        return {};
     std::string bytes(sCommandLineBytes, '\0');
     bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
     std::vector<std::string> words;
-    for (std::size_t begin = 0; begin < bytes.size(); begin += std::strlen(&bytes[begin]) + 1)
-        words.push_back(impl::ToUtf8Path(&bytes[begin]));
+    std::size_t begin = 0;
+    for (std::size_t end = 0; (end = bytes.find('\0', begin)) != std::string::npos; begin = end + 1)
+        words.push_back(impl::ToUtf8Path(bytes.substr(begin, end - begin)));
+    if (begin < bytes.size())
+        words.push_back(CutToUtf8(bytes.substr(begin)));
     return words;
 }
 
@@ -69,15 +83,13 @@ bool Take(const char* line, const char* name, unsigned long& bytes)
 
 bool kyProcess::GetCurrentProcess(kyProcess& process)
 {
-    std::optional<std::vector<std::string>> words = ReadCommandLine("/proc/self/cmdline");
-    if (!words)
-        return false;
+    std::vector<std::string> words = ReadCommandLine("/proc/self/cmdline");
     auto record = std::make_unique<Record>();
     record->pid = ::getpid();
     record->workingDirectory = CurrentFolder();
     record->program = RunningProgram();
-    TakeFirst(*words);
-    record->arguments = std::move(*words);
+    TakeFirst(words);
+    record->arguments = std::move(words);
     record->state = Running;
     record->set(Record::Started, true);
     record->set(Record::CurrentProcess, true);
@@ -88,14 +100,14 @@ bool kyProcess::GetCurrentProcess(kyProcess& process)
 bool kyProcess::GetParentProcess(kyProcess& process)
 {
     const pid_t parent = ::getppid();
-    std::optional<std::vector<std::string>> words =
-        ReadCommandLine("/proc/" + std::to_string(parent) + "/cmdline");
-    if (!words)
+    if (parent == 0)
         return false;
+    std::vector<std::string> words =
+        ReadCommandLine("/proc/" + std::to_string(parent) + "/cmdline");
     auto record = std::make_unique<Record>();
     record->pid = parent;
-    record->program = TakeFirst(*words);
-    record->arguments = std::move(*words);
+    record->program = TakeFirst(words);
+    record->arguments = std::move(words);
     record->state = Running;
     record->set(Record::Started, true);
     record->set(Record::ParentProcess, true);
