@@ -47,13 +47,12 @@ bool kyProcess::SplitCommandLine(const std::string& commandLine, std::string& pr
     try {
         if (!Split(commandLine, words)) {
             words.clear();
-            kyLogObject(kyLog::Critical, nullptr, "kySystem")
+            kyLogObject(kyLog::Critical)
                 << "Fail to split command line : '" << commandLine << "' : Bad command line";
         }
     } catch (const std::exception&) {
         words.clear();
-        kyLogObject(kyLog::Critical, nullptr, "kySystem")
-            << "Invalid command line : " << commandLine;
+        kyLogObject(kyLog::Critical) << "Invalid command line : " << commandLine;
     }
     program.clear();
     arguments.clear();

@@ -120,7 +120,7 @@ bool kyProcess::start(const std::string& program, const std::vector<std::string>
     else
         record.followAttached(outcome);
     if (outcome.isDirectoryMissing)
-        kyLogObject(kyLog::Warning, nullptr, "kySystem").setFlushNow()
+        kyLogObject(kyLog::Warning)
             << "Beware, could not change current working directory in startProcess "
             << record.workingDirectory;
     return true;
