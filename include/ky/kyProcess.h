@@ -54,7 +54,8 @@ public:
     /// also when there is no such program: that is told by `hasFailedToStart`. Returns 10 ms after
     /// the call, or earlier when the child has ended by then, or later when loading took longer.
     /// A child that ends by SIGUSR1 in that time counts as a failed start, and a program that turns
-    /// out later than that to be missing as one that crashed by it, exit code 10.
+    /// out later than that to be missing as one that crashed by it, exit code 10; time in which it
+    /// only lacked a processor does not count for that.
     ///
     /// When the working directory cannot be entered, a WARNING is logged and the program runs in
     /// the one of this process.
@@ -75,8 +76,9 @@ public:
 
     /// Entries "NAME=value" for the next start; an empty list stands for the environment of this
     /// process. With `merge` they are added to that, replacing entries of the same name where they
-    /// stand. Of several with one name the last counts; a value without "=" is passed on as it is.
-    /// False, and no change, while the process is running.
+    /// stand, and of several with one name the last counts; else the list is passed on as it is. An
+    /// entry without "=" is passed on, one that does not convert is left out. False, and no change,
+    /// while the process is running.
     bool setProcessEnvironmentUtf8(const std::vector<std::string>& env, bool merge);
     /// What was set, without what is merged; of the current process its environment, without
     /// entries that do not convert. Replaces the content of `env`.
