@@ -120,7 +120,8 @@ public:
     /// null, is emptied and then gets one of:
     ///
     ///     "Fail to start process"      -1
-    ///     "timeout"                    -2, the child was killed and has ended
+    ///     "timeout"                    -2, the child was killed and has ended, unless the system
+    ///                                  does not let us kill it, as a program that became root
     ///     "process has crashed"        -3, its outcome is lost
     ///     "process return an error"    the exit code or the number of the signal, not 0
     ///     ""                           0, also for a missing program
@@ -164,7 +165,7 @@ private:
 
     bool start(const std::string& program, const std::vector<std::string>& arguments,
                bool resolveProgram, ProcessPriority priority, bool isDetached);
-    void sendSignal(int signal);
+    bool sendSignal(int signal);
 
     std::unique_ptr<Record> mRecord;
 };

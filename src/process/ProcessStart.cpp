@@ -178,8 +178,8 @@ int kyProcess::ExecUtf8(const std::string& program, const std::vector<std::strin
     if (!process.startProcess(program, arguments, resolveProgram, Inherit))
         return result("Fail to start process", -1);
     if (!process.waitForFinished(timeoutMs)) {
-        process.killProcess();
-        if (process.mRecord->isRunning())
+        // One that may not be killed would be waited for without limit.
+        if (process.sendSignal(SIGKILL))
             process.mRecord->collect(0);
         process.clearProcess();
         return result("timeout", -2);

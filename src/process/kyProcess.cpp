@@ -213,15 +213,14 @@ void kyProcess::killProcess()
     sendSignal(SIGKILL);
 }
 
-void kyProcess::sendSignal(int signal)
+bool kyProcess::sendSignal(int signal)
 {
     if (getState() != Running || mRecord->pid == 0)
-        return;
+        return false;
     // By descriptor it cannot reach a stranger, even when somebody collects the child just now.
     if (mRecord->processFd)
-        ::syscall(SYS_pidfd_send_signal, mRecord->processFd.get(), signal, nullptr, 0);
-    else
-        ::kill(mRecord->pid, signal);
+        return ::syscall(SYS_pidfd_send_signal, mRecord->processFd.get(), signal, nullptr, 0) == 0;
+    return ::kill(mRecord->pid, signal) == 0;
 }
 
 void kyProcess::setWorkingSetMaxSize(unsigned long /*bytes*/) {}

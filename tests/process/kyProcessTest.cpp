@@ -234,7 +234,7 @@ TEST_F(Process, WaitsItsTimeThroughSignalsWithAndWithoutADescriptor)
             SCOPED_TRACE(hasDescriptor);
             while (!hasDescriptor && ::open("/dev/null", O_RDONLY | O_CLOEXEC) != -1) {
             }
-            EXPECT_GE(TimeOf([&] { process.startProcess("sleep", {"1000"}); }).count(), 9);
+            EXPECT_GE(TimeOf([&] { process.startProcess("sleep", {"1000"}); }).count(), 10);
             EXPECT_GE(TimeOf([&] { EXPECT_FALSE(process.waitForFinished(120)); }).count(), 120);
             process.killProcess();
             EXPECT_TRUE(process.waitForFinished(UINT_MAX));
