@@ -49,7 +49,7 @@ public:
     Replacement() = default;
     ~Replacement()
     {
-        if (mFd) {
+        if (mIsThere) {
             const int savedErrno = errno;
             ::unlink(mPath.c_str());
             errno = savedErrno;
@@ -67,10 +67,13 @@ public:
             char name[32];
             static_cast<void>(std::snprintf(name, sizeof name, ".ky-%016lx.tmp", number));
             mPath = target.substr(0, target.rfind('/') + 1) + name;
-            mFd = ScopedFd(RetryOnEintr([&] {
+            const int fd = RetryOnEintr([&] {
                 return ::open(mPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-            }));
-        } while (!mFd && errno == EEXIST);
+            });
+            mIsThere = fd != -1;
+            mFd = ScopedFd(fd);
+        } while (!mIsThere && errno == EEXIST);
+        // Without a descriptor when it had one of a standard stream and there is no other.
         return static_cast<bool>(mFd);
     }
 
@@ -78,7 +81,7 @@ public:
     {
         if (::rename(mPath.c_str(), target.c_str()) != 0)
             return false;
-        mFd.reset();
+        mIsThere = false;
         return true;
     }
 
@@ -86,6 +89,7 @@ public:
 
 private:
     std::string mPath;
+    bool mIsThere = false;
     ScopedFd mFd;
 };
 

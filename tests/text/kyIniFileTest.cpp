@@ -385,6 +385,17 @@ TEST_F(IniFile, KeepsTheOldFileWhenThereIsNoRoom)
             EXPECT_EQ(Content(name), old);
         }
         EXPECT_EQ(filesInFolder(), onlyTheFile);
+
+        // A last descriptor for the old file, and for the new one only a number that is not kept.
+        ::close(STDIN_FILENO);
+        const int last = ::fcntl(STDOUT_FILENO, F_DUPFD, 3);
+        ::close(last);
+        const auto count = static_cast<rlim_t>(last) + 1;
+        const rlimit files = {count, count};
+        ::setrlimit(RLIMIT_NOFILE, &files);
+        EXPECT_EQ(message([&] { return SaveIniFile(path, map, false); }),
+                  "Fail to write " + path + ", " + ky::test::ErrorText(EMFILE));
+        EXPECT_EQ(filesInFolder(), onlyTheFile);
     });
 }
 
