@@ -204,10 +204,15 @@ const char* WriteOver(int fd, std::string_view content)
                : sWriteFailure;
 }
 
+ScopedFd OpenToWrite(const std::string& localPath, int flags = 0)
+{
+    return ScopedFd(RetryOnEintr(
+        [&] { return ::open(localPath.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | flags); }));
+}
+
 const char* WriteToSpecial(const std::string& localPath, std::string_view content)
 {
-    const ScopedFd fd(RetryOnEintr(
-        [&] { return ::open(localPath.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY); }));
+    const ScopedFd fd = OpenToWrite(localPath, O_TRUNC);
     if (!fd)
         return sOpenFailure;
     return WriteAll(fd.get(), content) && Flush(fd.get()) ? nullptr : sWriteFailure;
@@ -253,28 +258,55 @@ const char* CreateWhole(const std::string& target, std::string_view content)
                : sWriteFailure;
 }
 
+/// Whether the links of /proc/PID/fd lead to the file and its name is gone. A file without a name
+/// is at no other path.
+bool IsNameless(int fd, const std::string& localPath)
+{
+    struct stat status;
+    return ::fstat(fd, &status) == 0 && status.st_nlink == 0 && impl::IsAtPath(fd, localPath, 0);
+}
+
+/// False, and nothing done, when the file is not at the end of the links of the path: another one
+/// has come there meanwhile, or, as for what a process has open that sees other mounts, it never
+/// will be. Otherwise `problem` is what `ReplaceFile` gives.
+bool TryToReplace(const std::string& localPath, std::string_view content, const char*& problem)
+{
+    struct stat status;
+    problem = sOpenFailure;
+    const bool exists = ::stat(localPath.c_str(), &status) == 0;
+    if (!exists && (errno != ENOENT || localPath.empty()))
+        return true;
+    const std::string target = FollowLinks(localPath);
+    if (!exists || !S_ISREG(status.st_mode)) {
+        problem = exists ? WriteToSpecial(localPath, content) : CreateWhole(target, content);
+        return true;
+    }
+    // Not writable is not replaceable either, although the folder would allow it.
+    const ScopedFd original = OpenToWrite(localPath);
+    if (!original)
+        return errno != ENOENT;
+    if (impl::IsAtPath(original.get(), target, AT_SYMLINK_NOFOLLOW))
+        problem = ReplaceExisting(target, original, content);
+    else if (IsNameless(original.get(), localPath))
+        problem = WriteOver(original.get(), content);
+    else
+        return false;
+    return true;
+}
+
 }  // namespace
 
 const char* impl::ReplaceFile(const std::string& localPath, std::string_view content)
 {
-    struct stat status;
-    const bool exists = ::stat(localPath.c_str(), &status) == 0;
-    if (!exists && (errno != ENOENT || localPath.empty()))
-        return sOpenFailure;
-    const std::string target = FollowLinks(localPath);
-    if (!exists)
-        return CreateWhole(target, content);
-    if (!S_ISREG(status.st_mode))
-        return WriteToSpecial(localPath, content);
-    // Not writable is not replaceable either, although the folder would allow it.
-    const ScopedFd original(
-        RetryOnEintr([&] { return ::open(localPath.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY); }));
-    if (!original)
-        return sOpenFailure;
-    // The links of /proc/PID/fd can lead to a file whose name is gone.
-    return IsAtPath(original.get(), target, AT_SYMLINK_NOFOLLOW)
-               ? ReplaceExisting(target, original, content)
-               : WriteOver(original.get(), content);
+    // Others put files there within microseconds of every try, or it is no use. What was opened in
+    // vain can be somebody's backup by now.
+    constexpr int maxTries = 100;
+    const char* problem = nullptr;
+    for (int i = 0; i < maxTries; ++i)
+        if (TryToReplace(localPath, content, problem))
+            return problem;
+    const ScopedFd original = OpenToWrite(localPath);
+    return original ? WriteOver(original.get(), content) : sOpenFailure;
 }
 
 }  // namespace ky

@@ -3,8 +3,10 @@
 #include "support/Child.h"
 #include "support/Library.h"
 
+#include <atomic>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -15,6 +17,7 @@
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <cstdio>
 
 namespace fs = std::filesystem;
 using ky::kyVariant;
@@ -397,6 +400,37 @@ TEST_F(IniFile, KeepsTheOldFileWhenThereIsNoRoom)
                   "Fail to write " + path + ", " + ky::test::ErrorText(EMFILE));
         EXPECT_EQ(filesInFolder(), onlyTheFile);
     });
+}
+
+TEST_F(IniFile, LeavesAFileAloneThatIsRenamedMeanwhile)
+{
+    map = Numbered("new", 2);
+    const std::string other = folder.path("other");
+    for (int round = 0; round < 30; ++round) {
+        std::vector<int> before;
+        for (const char* name : {"settings.ini", "other"}) {
+            ::unlink(folder.path(name).c_str());
+            before.push_back(::open(folder.write(name, "old").c_str(), O_RDONLY | O_CLOEXEC));
+        }
+        std::atomic<bool> isSaved = false;
+        std::atomic<bool> isAtWork = false;
+        std::thread renaming([&] {
+            while (!isSaved) {
+                ::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
+                isAtWork = true;
+            }
+        });
+        while (!isAtWork)
+            std::this_thread::yield();
+        EXPECT_TRUE(SaveIniFile(path, map, false));
+        isSaved = true;
+        renaming.join();
+        for (const int fd : before) {
+            char bytes[10] = {};
+            EXPECT_EQ(::pread(fd, bytes, sizeof bytes, 0), 3) << "written over";
+            ::close(fd);
+        }
+    }
 }
 
 TEST_F(IniFile, IsWholeWhoeverSavesAndDies)
