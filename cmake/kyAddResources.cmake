@@ -113,6 +113,9 @@ function(ky_add_resources target)
     if(NOT list STREQUAL previous)
         file(WRITE "${stem}.cmake" "${list}")
     endif()
+    # On its own: with another table in one unit its names would meet theirs.
+    set_source_files_properties("${source}" PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON
+                                SKIP_PRECOMPILE_HEADERS ON SKIP_AUTOGEN ON)
     target_sources(${target} PRIVATE "${source}")
     if(type STREQUAL "STATIC_LIBRARY")
         # Nobody else refers to that part of the archive.
