@@ -45,9 +45,8 @@ KY_API bool LoadIniFile(const std::string& path, kyVariant::kyVariantMapImpl& ou
 /// mode, owner, access list and attributes. Of several savers at once one wins; take a lock file
 /// (`kyLockFile`) around a load or merge and its save to lose no key of others. What is no regular
 /// file, or may be written but not replaced (its folder or owner forbid it, it is mounted), is
-/// written in place, without that promise. Other hard links keep the old file. A save that is
-/// killed can leave a file
-/// ".ky-*.tmp" behind.
+/// written in place, without that promise but by one saver at a time. Other hard links keep the old
+/// file. A save that is killed can leave a file ".ky-*.tmp" behind.
 ///
 /// False with a CRITICAL line when that fails or the file to merge with does not load; the file is
 /// as it was then. One that is not writable fails. Any thread.

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 
 namespace ky {
 namespace {
@@ -181,10 +182,44 @@ bool WriteAt(int fd, std::size_t position, std::string_view content)
     return ::lseek(fd, static_cast<off_t>(position), SEEK_SET) != -1 && WriteAll(fd, content);
 }
 
+/// Lets those who write a file in place take turns, so that it is the whole output of one of them.
+/// Not for ever: a host may lock its files for reasons of its own. Not every file system has locks.
+class Turn {
+public:
+    explicit Turn(int fd) : mFd(fd)
+    {
+        constexpr int patienceMs = 10'000;
+        constexpr std::timespec millisecond{0, 1'000'000};
+        for (int i = 0; i < patienceMs && !change(F_WRLCK) && errno == EAGAIN; ++i)
+            ::nanosleep(&millisecond, nullptr);
+    }
+    /// A forked child may have the file open for long.
+    ~Turn()
+    {
+        const int savedErrno = errno;
+        change(F_UNLCK);
+        errno = savedErrno;
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+private:
+    bool change(short type) const
+    {
+        struct flock whole = {};
+        whole.l_type = type;
+        whole.l_whence = SEEK_SET;
+        return ::fcntl(mFd, F_OFD_SETLK, &whole) == 0;
+    }
+
+    const int mFd;
+};
+
 /// Over the old bytes, but first what goes behind them, so that what there is no room for leaves
 /// them as they are.
 const char* WriteOver(int fd, std::string_view content)
 {
+    const Turn turn(fd);
     struct stat before;
     if (::fstat(fd, &before) != 0)
         return sWriteFailure;

@@ -1,5 +1,6 @@
 #include "ky/kyIniFile.h"
 
+#include "support/Asleep.h"
 #include "support/Child.h"
 #include "support/Library.h"
 
@@ -367,6 +368,24 @@ TEST_F(IniFile, WritesInPlaceOnlyWhatCannotBeReplaced)
               "Fail to write /dev/full, " + ky::test::ErrorText(ENOSPC));
     EXPECT_EQ(message([&] { return SaveIniFile("/", map, false); }),
               "Fail to open /, " + ky::test::ErrorText(EISDIR));
+}
+
+TEST_F(IniFile, WaitsForWhoeverWritesInPlaceToo)
+{
+    map = Numbered("new", 2);
+    const int fd = ::open(folder.path("").c_str(), O_RDWR | O_CLOEXEC | O_TMPFILE, 0600);
+    const std::string nameless = "/proc/self/fd/" + std::to_string(fd);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    EXPECT_EQ(::fcntl(fd, F_OFD_SETLK, &lock), 0);
+    std::thread saving =
+        ky::test::StartUntilAsleep([&] { EXPECT_TRUE(SaveIniFile(nameless, map, false)); });
+    EXPECT_EQ(Content(nameless), "");
+    lock.l_type = F_UNLCK;
+    EXPECT_EQ(::fcntl(fd, F_OFD_SETLK, &lock), 0);
+    saving.join();
+    EXPECT_EQ(Content(nameless), "[General]\n\n[s]\n0=new\n1=new\n");
+    ::close(fd);
 }
 
 TEST_F(IniFile, KeepsTheOldFileWhenThereIsNoRoom)
