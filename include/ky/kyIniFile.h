@@ -38,7 +38,8 @@ KY_API bool LoadIniFile(const std::string& path, kyVariant::kyVariantMapImpl& ou
 /// back as something else. A STRING reads back equal only where the rules above say so: one that
 /// looks like another type becomes that, and a backslash comes back doubled unless there is a
 /// double quote in the text. A value in the map "General" is skipped with a WARNING where the top
-/// level has its key.
+/// level has its key. A map without any value leaves nothing; one that has maps only leaves a
+/// section line, but of such lines no more than 16 MiB are written: each repeats the path so far.
 ///
 /// Whoever reads or crashes meanwhile finds the old file or the new one, whole: it is written
 /// beside the file, or what a link leads to, and put in its place when it is on disk, with its

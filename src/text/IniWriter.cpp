@@ -116,6 +116,7 @@ class IniWriter {
 public:
     std::string write(const kyVariantMapImpl& map)
     {
+        mText.reserve(65536);
         mText = "[General]\n";
         writeValues(map);
         const kyVariant* const general = map.find(sGeneral);
@@ -161,11 +162,17 @@ private:
         mText += '\n';
     }
 
-    void writeValues(const kyVariantMapImpl& map)
+    /// Whether there are maps in it too.
+    bool writeValues(const kyVariantMapImpl& map)
     {
-        for (const auto& [key, value] : map)
-            if (value.getType() != kyVariant::Map)
+        bool hasMaps = false;
+        for (const auto& [key, value] : map) {
+            if (value.getType() == kyVariant::Map)
+                hasMaps = true;
+            else
                 writeValue(key, value);
+        }
+        return hasMaps;
     }
 
     /// A second line of the same path, or a section of the path of a value, would keep the file
@@ -198,29 +205,32 @@ private:
         const auto& [key, value] = *level.position++;
         const kyVariantMapImpl& map = *value.getMap();
         mPath += key;
-        if (&map != general)
-            writeSection(map);
+        if (&map != general && !writeSection(map))
+            return;
         mPath += '/';
         mOpen.push_back({map.begin(), map.end(), mPath.size()});
     }
 
-    void writeSection(const kyVariantMapImpl& map)
+    /// Whether there are maps in it too.
+    bool writeSection(const kyVariantMapImpl& map)
     {
-        // Each map of a chain has the path of those above it in its header: without values there,
-        // 300,000 of them would take 90 GB to say nothing.
-        constexpr std::size_t longPath = 4096;
+        const std::size_t headerSize = mPath.size() + std::string_view("\n[]\n").size();
         const bool hasValues = std::any_of(map.begin(), map.end(), [](const auto& entry) {
             return entry.second.getType() != kyVariant::Map;
         });
-        if (!hasValues && mPath.size() > longPath)
-            return;
+        if (!hasValues && headerSize > mIdleRoom)
+            return true;
+        mIdleRoom -= hasValues ? 0 : headerSize;
         mText.append("\n[").append(mPath).append("]\n");
-        writeValues(map);
+        return writeValues(map);
     }
 
     std::string mText;
     std::string mPath;
     std::vector<Level> mOpen;
+    // What headers without values may still take. In a chain of maps each has the path of those
+    // above it: 300,000 of them would take 90 GB to say nothing.
+    std::size_t mIdleRoom = std::size_t{16} << 20;
 };
 
 }  // namespace
