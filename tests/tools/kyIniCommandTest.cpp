@@ -14,6 +14,9 @@ TEST(IniCommand, ReadsChangesListsAndChecks)
 {
     const TemporaryFolder folder;
     folder.write("bad.ini", "k=1\n\nno line\n");
+    const std::string paths = "; kept\n[s]\np=C:\\dir\n";
+    folder.write("paths.ini", paths);
+    const std::string notKept = ": The format cannot keep the value of ";
     const struct {
         std::vector<std::string> arguments;
         int exitCode;
@@ -41,6 +44,9 @@ TEST(IniCommand, ReadsChangesListsAndChecks)
          "",
          "ky: bad.ini: Invalid line (3) no line in Ini file\nky: Fail to open none\n"},
         {{"check", "new.ini"}, 0, "", ""},
+        {{"set", "new.ini", "k", " b"}, 1, "", "ky: new.ini" + notKept + "k\n"},
+        {{"set", "new.ini", "k", "\"\\n"}, 1, "", "ky: new.ini" + notKept + "k\n"},
+        {{"set", "paths.ini", "k", "2"}, 1, "", "ky: paths.ini" + notKept + "s/p\n"},
         {{"set", "bad.ini", "k", "2"},
          1,
          "",
@@ -63,5 +69,6 @@ TEST(IniCommand, ReadsChangesListsAndChecks)
     EXPECT_EQ(Content(folder.path("new.ini")),
               "[General]\ngr\u00f6\u00dfe=\"\u00e4\\n\\\"b\\\\\"\nk=a b\n");
     EXPECT_EQ(Content(folder.path("bad.ini")), "k=1\n\nno line\n");
+    EXPECT_EQ(Content(folder.path("paths.ini")), paths);
     EXPECT_EQ(ky::test::RunCommand({KY_COMMAND, "ini", "set", "f", "k"}).exitCode, 2);
 }

@@ -6,7 +6,9 @@
 #include "ky/kyLog.h"
 #include "ky/kySystem.h"
 
+#include <algorithm>
 #include <iostream>
+#include <iterator>
 #include <list>
 #include <map>
 #include <memory>
@@ -19,6 +21,8 @@ namespace {
 
 using Map = kyVariant::kyVariantMapImpl;
 
+constexpr const char* sEscapes[] = {"\\n", "\\r", "\\t", "\\\""};
+
 struct Options {
     std::string file;
     std::string key;
@@ -30,6 +34,23 @@ bool Fail(const std::string& message)
 {
     std::cerr << "ky: " + message + "\n";
     return false;
+}
+
+bool HasOuterSpace(std::string_view text)
+{
+    constexpr std::string_view space = " \t\n\v\f\r";
+    return !text.empty() && (space.find(text.front()) != std::string_view::npos ||
+                             space.find(text.back()) != std::string_view::npos);
+}
+
+/// Whether a saved text is read as the same one. Without a double quote in it no escape is undone,
+/// and with one all are, whatever they stood for.
+bool IsKept(const std::string& text)
+{
+    if (text.find('"') == std::string::npos)
+        return text.find_first_of("\\\n\r\t") == std::string::npos && !HasOuterSpace(text);
+    return std::none_of(std::begin(sEscapes), std::end(sEscapes),
+                        [&](const char* escape) { return text.find(escape) != std::string::npos; });
 }
 
 /// The library while a file is at work, with its messages on standard error.
@@ -48,7 +69,19 @@ public:
 
     bool load(Map& map) const { return LoadIniFile(mPath, map); }
     bool loadIfThere(Map& map) const { return !kyDirUtils::FileExistsUtf8(mPath) || load(map); }
-    bool save(const Map& map) const { return SaveIniFile(mPath, map, false); }
+
+    /// Rather not at all than with another value changed on the way.
+    bool save(const Map& map) const
+    {
+        std::map<std::string, kyVariant> flat;
+        map.toFlattenMap(flat);
+        for (const auto& [path, value] : flat) {
+            const std::string* const text = value.getString();
+            if (text != nullptr && !IsKept(*text))
+                return Fail(mName + ": The format cannot keep the value of " + path);
+        }
+        return SaveIniFile(mPath, map, false);
+    }
 
 private:
     static void Print(std::list<kyLog::LogEntry>& batch, void* self)
@@ -84,14 +117,11 @@ std::string KeyPath(const std::string& argument)
 /// Whether such a line of a file would be read as that key in that section.
 bool IsReadBack(const std::string& path)
 {
-    constexpr const char* space = " \t\n\v\f\r";
     const std::size_t slash = path.rfind('/') + 1;
     const std::string key = path.substr(slash);
     const std::string section = path.substr(0, slash > 0 ? slash - 1 : 0);
     for (const std::string& name : {key, section})
-        if (!name.empty() && (name.find('\n') != std::string::npos ||
-                              std::string_view(space).find(name.front()) != std::string::npos ||
-                              std::string_view(space).find(name.back()) != std::string::npos))
+        if (name.find('\n') != std::string::npos || HasOuterSpace(name))
             return false;
     return key.find('=') == std::string::npos && key.find_first_of("[;") != 0;
 }
@@ -210,7 +240,9 @@ void AddIni(CLI::App& app, int& exitCode)
     check->add_option("FILES", options->files, "INI files")->required();
     for (CLI::App* const command : {set, unset})
         command->footer(
-            "The file is replaced whole, without its comments and in order of the keys. What "
+            "The file is replaced whole, without its comments, in order of the keys, with numbers "
+            "in their plain form and texts without quotes where they need none. It is left alone "
+            "when that would change a text, as one with backslashes and without quotes. What "
             "others save meanwhile is lost: let each take its turn by\n"
             "  ky lock FILE.lock -- ky ini ...");
     list->footer(
