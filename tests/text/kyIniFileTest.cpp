@@ -222,6 +222,20 @@ TEST_F(IniFile, StandsHostileFiles)
     EXPECT_TRUE(LoadIniFile(path, again));
     map.edit("new") = true;
     EXPECT_EQ(again, map);
+
+    // Each map of a chain with a header would make 200 MB of these 200 KB.
+    std::string chains;
+    for (int i = 0; i < 50; ++i) {
+        chains += "[" + std::to_string(i);
+        for (int level = 0; level < 2000; ++level)
+            chains += "/s";
+        chains += "]\nk=1\n";
+    }
+    map.clear();
+    again.clear();
+    EXPECT_EQ(load(chains), "");
+    EXPECT_TRUE(SaveIniFile(path, map, false) && LoadIniFile(path, again) && again == map);
+    EXPECT_LT(fs::file_size(path), 20'000'000U);
 }
 
 TEST_F(IniFile, WritesToTheByte)
