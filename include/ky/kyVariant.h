@@ -77,7 +77,7 @@ public:
 
     /// The number that this is: of a Real the part before the point, with the nearest Integer for
     /// what is out of range and 0 for NaN; 0 and 1 of a Bool; of a String what it would be as an
-    /// unquoted value of an INI file. 0 of anything else.
+    /// unquoted value of an INI file, but with white space around it none. 0 of anything else.
     std::int64_t toInteger() const;
     /// The same without truncation.
     double toReal() const;
