@@ -46,7 +46,7 @@ TEST(IniCommand, ReadsChangesListsAndChecks)
         {{"check", "new.ini"}, 0, "", ""},
         {{"set", "new.ini", "k", " b"}, 1, "", "ky: new.ini" + notKept + "k\n"},
         {{"set", "new.ini", "k", "\"\\n"}, 1, "", "ky: new.ini" + notKept + "k\n"},
-        {{"set", "paths.ini", "k", "2"}, 1, "", "ky: paths.ini" + notKept + "s/p\n"},
+        {{"set", "paths.ini", "k", "2"}, 1, "", "ky: paths.ini" + notKept + "p\n"},
         {{"set", "bad.ini", "k", "2"},
          1,
          "",

@@ -73,12 +73,18 @@ public:
     /// Rather not at all than with another value changed on the way.
     bool save(const Map& map) const
     {
-        std::map<std::string, kyVariant> flat;
-        map.toFlattenMap(flat);
-        for (const auto& [path, value] : flat) {
-            const std::string* const text = value.getString();
-            if (text != nullptr && !IsKept(*text))
-                return Fail(mName + ": The format cannot keep the value of " + path);
+        // No paths here: those of a deep file would take more than all else.
+        std::vector<const Map*> open = {&map};
+        while (!open.empty()) {
+            const Map& next = *open.back();
+            open.pop_back();
+            for (const auto& [key, value] : next) {
+                const std::string* const text = value.getString();
+                if (text != nullptr && !IsKept(*text))
+                    return Fail(mName + ": The format cannot keep the value of " + key);
+                if (value.getMap() != nullptr)
+                    open.push_back(value.getMap());
+            }
         }
         return SaveIniFile(mPath, map, false);
     }
