@@ -8,8 +8,8 @@ int main(int, char** argv)
 {
     std::string bytes;
     std::string digest;
-    const bool isGood = ky::rc::GetResource(argv[1], bytes) &&
-                        ky::rc::GetResourceSha256Hex(argv[1], digest);
+    const bool isGood =
+        ky::rc::GetResource(argv[1], bytes) && ky::rc::GetResourceSha256Hex(argv[1], digest);
     std::cout << bytes;
     std::cerr << digest;
     return isGood ? 0 : 1;
