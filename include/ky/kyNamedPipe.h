@@ -127,7 +127,8 @@ public:
     bool waitForNewConnection(int timeoutMs, bool* timedOut);
 
     /// Waits likewise for the first client, then accepts those that wait, up to 4096 a call. True
-    /// when the server listens afterwards. A wait that fails closes the server.
+    /// when the server listens afterwards. A wait that fails closes the server, as does a
+    /// shutdown(2) of its socket.
     bool processPipeServerEvents(int timeoutMs);
 
     /// Clients that wait to be accepted are turned away, those accepted stay. The file is left

@@ -115,7 +115,9 @@ bool kyNamedPipeServer::waitForClient(int timeoutMs)
         // A client that cannot be accepted keeps the socket readable: waiting for that would spin.
         if (outcome == Outcome::Failure)
             impl::Pause(remainingMs < 0 ? sPauseMs : std::min(remainingMs, sPauseMs));
-        else if (impl::WaitFor(getSocket(), POLLIN, limit) == -1)
+        // So does a shutdown(2).
+        else if (const short events = impl::WaitFor(getSocket(), POLLIN | POLLRDHUP, limit);
+                 events == -1 || (events & POLLRDHUP) != 0)
             closeNamedPipeServer();
     }
     return false;

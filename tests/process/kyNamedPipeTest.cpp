@@ -339,7 +339,8 @@ TEST_F(NamedPipe, WaitsOnlyAsLongAsItIsToldAndWhateverSignalsCome)
     }
     client.editReadBuffer().push_back('x');
     client.processNamedPipeEvents(-1, true);
-    server.closeNamedPipeServer();
+    ::shutdown(server.getSocket(), SHUT_RD);
+    EXPECT_FALSE(server.processPipeServerEvents(-1));
     timedOut = false;
     EXPECT_FALSE(server.waitForNewConnection(-1, &timedOut));
     EXPECT_TRUE(timedOut);
