@@ -1,9 +1,13 @@
+#include "ky/kyNamedPipe.h"
+
 #include "support/Child.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 
+#include <poll.h>
 #include <cstdlib>
 
 TEST(PipeCommand, JoinsBothDirectionsUntilEachHasEnded)
@@ -31,4 +35,25 @@ TEST(PipeCommand, JoinsBothDirectionsUntilEachHasEnded)
             << result.err;
         EXPECT_EQ(result.out, "");
     }
+}
+
+TEST(PipeCommand, FailsWhenThePeerLeavesBytesBehind)
+{
+    ky::test::ExpectChildPasses([] {
+        const ky::test::TemporaryFolder folder;
+        ::setenv("TMPDIR", folder.path("").c_str(), 1);
+        ky::kyNamedPipeServer server;
+        ASSERT_TRUE(server.listenUtf8("name"));
+        std::thread peer([&server] {
+            ASSERT_TRUE(server.waitForNewConnection(60000, nullptr));
+            pollfd end = {server.editClients().front()->getSocket(), POLLRDHUP, 0};
+            EXPECT_EQ(::poll(&end, 1, 60000), 1) << "all is sent, and the end of the stream";
+            server.editClients().clear();
+        });
+        const auto result = ky::test::RunCommand(
+            {"timeout", "60", KY_COMMAND, "pipe", "connect", "name"}, std::string(1000, 'x'));
+        peer.join();
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.err, "ky: The peer has closed the pipe before it has taken all\n");
+    });
 }

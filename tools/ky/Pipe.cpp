@@ -33,9 +33,10 @@ public:
         bool isGood = true;
         while (isGood && mPipe.isConnected() && !hasEnded())
             isGood = wait() && step();
-        if (mPipe.hasWriteFailed())
-            std::cerr << "ky: The peer has closed the pipe before all was sent\n";
-        return isGood && mIsGood && mPipe.isConnected() && !mPipe.hasWriteFailed();
+        const bool isTaken = !mIsReset && !mPipe.hasWriteFailed();
+        if (!isTaken)
+            std::cerr << "ky: The peer has closed the pipe before it has taken all\n";
+        return isGood && isTaken && mIsGood && mPipe.isConnected();
     }
 
 private:
@@ -43,7 +44,6 @@ private:
     {
         mPipe.processNamedPipeEvents(0, false);
         std::vector<char>& bytes = mPipe.editReadBuffer();
-        mHasMoved = !bytes.empty();
         std::cout.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         bytes.clear();
         endStream();
@@ -66,28 +66,37 @@ private:
                (mHasShutDown || mPipe.isWriteChannelClosed() || isPeerGone());
     }
 
-    /// Not when it has only ended its own stream.
+    /// Not when it has only ended its own stream. Input that is there goes before, since it will
+    /// not be taken.
     bool isPeerGone() const
     {
-        ::pollfd end = {mPipe.getSocket(), 0, 0};
-        return !mPipe.hasPendingWrite() && ::poll(&end, 1, 0) == 1 && (end.revents & POLLHUP) != 0;
+        ::pollfd ends[] = {{inputToRead(), POLLIN, 0}, {mPipe.getSocket(), 0, 0}};
+        return !mPipe.hasPendingWrite() && ::poll(ends, 2, 0) == 1 &&
+               (ends[1].revents & POLLHUP) != 0;
     }
 
     /// Until input or peer has something, or takes something; reads standard input. A peer that is
     /// slow keeps standard input waiting.
     bool wait()
     {
-        const bool readsInput = !mInputEnded && !mPipe.hasPendingWrite();
-        ::pollfd ends[] = {{readsInput ? STDIN_FILENO : -1, POLLIN, 0},
-                           {mPipe.getSocket(), socketEvents(), 0}};
-        if (::poll(ends, 2, mHasMoved ? 0 : -1) == -1 && errno != EINTR) {
+        ::pollfd ends[] = {{inputToRead(), POLLIN, 0}, {mPipe.getSocket(), socketEvents(), 0}};
+        int ready = 0;
+        do
+            ready = ::poll(ends, 2, -1);
+        while (ready == -1 && errno == EINTR);
+        if (ready == -1) {
             PrintError("Cannot wait for the pipe", errno);
             return false;
         }
+        // Shown once: the next receive takes it for the end of the stream.
+        mIsReset |= (ends[1].revents & POLLERR) != 0;
         if (ends[0].revents != 0)
             readInput();
         return true;
     }
+
+    /// Nothing, for poll(2), when it has ended or the peer is slow.
+    int inputToRead() const { return mInputEnded || mPipe.hasPendingWrite() ? -1 : STDIN_FILENO; }
 
     short socketEvents() const
     {
@@ -112,9 +121,9 @@ private:
 
     kyNamedPipe& mPipe;
     std::vector<char> mBlock = std::vector<char>(sBlockBytes);
-    bool mHasMoved = false;  // bytes came in this round
     bool mInputEnded = false;
     bool mHasShutDown = false;  // our stream, for the peer
+    bool mIsReset = false;      // by the peer, which has left bytes of ours
     bool mIsGood = true;
 };
 
