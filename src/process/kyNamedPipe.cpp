@@ -4,6 +4,8 @@
 
 #include "process/LocalSocket.h"
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -69,6 +71,8 @@ void kyNamedPipe::receive(int timeoutMs)
     // recv(2) of no bytes would give 0, which looks like the end of the stream.
     if (mState->isReadChannelClosed || mReadBuffer.size() >= msReadBufferLimit)
         return;
+    // Room first: what was received must not be lost for want of memory.
+    mReadBuffer.reserve(msReadBufferLimit);
     char block[msReadBufferLimit];
     const auto tryToReceive = [&] {
         const std::size_t room = msReadBufferLimit - mReadBuffer.size();
@@ -174,7 +178,7 @@ int kyNamedPipe::getSocket() const
 void kyNamedPipe::setSocket(int socket)
 {
     if (socket != getSocket())
-        mState->socket = impl::ScopedFd(socket);
+        mState->socket = impl::ScopedFd(std::max(socket, -1));
     // While a program that the host starts had it, the peer would never see the end.
     if (isConnected())
         static_cast<void>(::fcntl(getSocket(), F_SETFD, FD_CLOEXEC));
