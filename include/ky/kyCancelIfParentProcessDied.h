@@ -16,7 +16,8 @@ class kyCancelIfParentProcessDiedImpl;
 /// A parent that is stopped is not gone. The death of one that died before the construction is
 /// never noticed, for then its heir is watched: a worker for which that counts is told the parent's
 /// number and compares it with `kySystemUtils::GetParentProcessID()` after the construction. Nor is
-/// that of a parent in another process-id namespace, which this process cannot see.
+/// that of a parent in another process-id namespace, which this process cannot see. A wall clock
+/// that is set back puts the next look off by as much (`kyWaitCondition`).
 ///
 /// For the full level of the library: before it, each object logs early-creation lines and logs
 /// from its thread. In a forked child an inherited object watches no more; make a new one there.
