@@ -1,5 +1,6 @@
 #include "process/LaunchChild.h"
 
+#include <linux/futex.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -48,11 +49,15 @@ long Address(Pointed* pointer) noexcept
     return reinterpret_cast<long>(pointer);
 }
 
-/// clone(2) with `body`, which must not return, on a stack of its own.
-long Clone(void* stackTop, void (*body)(LaunchPlan&), LaunchPlan& plan) noexcept
+/// clone(2) with `body`, which must not return, on a stack of its own. The kernel keeps `inMemory`,
+/// which may be null, other than 0 as long as the new process shares this memory.
+long Clone(void* stackTop, std::int32_t* inMemory, void (*body)(LaunchPlan&),
+           LaunchPlan& plan) noexcept
 {
+    const unsigned long flags =
+        sCloneFlags | (inMemory != nullptr ? CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID : 0);
     long result = SYS_clone;
-    register long noParentId asm("r10") = 0;
+    register std::int32_t* childId asm("r10") = inMemory;
     register long noThreadData asm("r8") = 0;
     register void (*childBody)(LaunchPlan&) asm("r12") = body;
     register LaunchPlan* childPlan asm("r13") = &plan;
@@ -66,10 +71,16 @@ long Clone(void* stackTop, void (*body)(LaunchPlan&), LaunchPlan& plan) noexcept
         "ud2\n"
         "1:"
         : "+a"(result)
-        : "D"(sCloneFlags), "S"(stackTop), "d"(0L), "r"(noParentId), "r"(noThreadData),
-          "r"(childBody), "r"(childPlan)
+        : "D"(flags), "S"(stackTop), "d"(inMemory), "r"(childId), "r"(noThreadData), "r"(childBody),
+          "r"(childPlan)
         : "rcx", "r11", "memory", "cc");
     return result;
+}
+
+void WaitUntilZero(const std::int32_t& word) noexcept
+{
+    while (const std::int32_t value = __atomic_load_n(&word, __ATOMIC_ACQUIRE))
+        Call(SYS_futex, Address(&word), FUTEX_WAIT, value);
 }
 
 [[noreturn]] void Exit() noexcept
@@ -191,7 +202,8 @@ bool HasGrandchildStarted(long grandchild, bool hasExecFailed) noexcept
         plan.isDirectoryMissing = Call(SYS_chdir, Address(plan.directory)) != 0;
     if (plan.grandchildStackTop == nullptr)
         BecomeProgram(plan);
-    const long grandchild = Clone(plan.grandchildStackTop, BecomeProgram, plan);
+    const long grandchild =
+        Clone(plan.grandchildStackTop, &plan.grandchildInMemory, BecomeProgram, plan);
     if (grandchild < 0 || !HasGrandchildStarted(grandchild, plan.hasExecFailed))
         EndAsFailed();
     Exit();
@@ -202,7 +214,10 @@ bool HasGrandchildStarted(long grandchild, bool hasExecFailed) noexcept
 pid_t CloneChild(LaunchPlan& plan) noexcept
 {
     plan.beginNs = Now(CLOCK_MONOTONIC);
-    return static_cast<pid_t>(Clone(plan.stackTop, RunChild, plan));
+    const long child = Clone(plan.stackTop, nullptr, RunChild, plan);
+    // An intermediate child that was killed has not waited for the other one.
+    WaitUntilZero(plan.grandchildInMemory);
+    return static_cast<pid_t>(child);
 }
 
 }  // namespace ky::impl

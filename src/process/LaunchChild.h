@@ -22,14 +22,16 @@ struct LaunchPlan {
     void* grandchildStackTop;  // null makes an attached child
     std::int64_t beginNs;      // CLOCK_MONOTONIC
 
+    std::int32_t grandchildInMemory;  // 0 when it has left this memory
     bool isDirectoryMissing;
     bool hasExecFailed;
     std::int64_t execFailedAfterNs;  // without what it waited for a processor
 };
 
 /// Makes a child that shares this process's memory while the calling thread waits for it to become
-/// the program or to end. All signals have to be blocked. The number of the child, of the
-/// intermediate one for a detached start, or a negative `errno` value; `errno` stays as it is.
+/// the program or to end, and so for the child of an intermediate one. All signals have to be
+/// blocked. The number of the child, of the intermediate one for a detached start, or a negative
+/// `errno` value; `errno` stays as it is.
 pid_t CloneChild(LaunchPlan& plan) noexcept;
 
 }  // namespace ky::impl
