@@ -50,7 +50,8 @@ public:
     /// is taken when anything exists there, also a folder, which then fails to start. A script
     /// without "#!" is run by /bin/sh.
     ///
-    /// False when a process of this object is running, or when the system refuses one; else true,
+    /// False when a process of this object is running, or when the system refuses one or has no
+    /// memory for what is passed; else true,
     /// also when there is no such program: that is told by `hasFailedToStart`. Returns 10 ms after
     /// the call, or earlier when the child has ended by then, or later when loading took longer.
     /// A child that ends by SIGUSR1 in that time counts as a failed start, and a program that turns

@@ -141,11 +141,12 @@ long Execute(LaunchPlan& plan, const char* path) noexcept
                 Address(plan.environment));
 }
 
-/// Whether a search goes on behind a path that failed this way, as in exec(3).
+/// Whether a search goes on behind a path that failed this way, as in exec(3), which leaves out
+/// folders whose names are too long.
 bool IsSearchContinued(long result) noexcept
 {
     return result == -EACCES || result == -ENOENT || result == -ENOTDIR || result == -ESTALE ||
-           result == -ENODEV || result == -ETIMEDOUT;
+           result == -ENODEV || result == -ETIMEDOUT || result == -ENAMETOOLONG;
 }
 
 std::int64_t Now(clockid_t clock) noexcept

@@ -41,6 +41,8 @@ struct kyProcess::Record {
     void collect(int options);
     /// Forgets an earlier run.
     void restart(ProcessState newState);
+    /// False, without a child, when the system refuses one.
+    bool launch(bool resolveProgram, int niceValue, bool isDetached, bool& isDirectoryMissing);
     /// Look at a child just started for as long as it takes to tell whether it has failed.
     void followAttached(const impl::LaunchOutcome& outcome);
     void followDetached(pid_t intermediate);

@@ -9,6 +9,7 @@
 #include "text/LocalPath.h"
 
 #include <algorithm>
+#include <new>
 
 #include <pthread.h>
 #include <sys/resource.h>
@@ -94,35 +95,47 @@ bool kyProcess::start(const std::string& program, const std::vector<std::string>
     if (getState() == Running)
         return false;
     const CancellationDisabled cancellationDisabled;
-    Record& record = *mRecord;
-    record.restart(Finished);
-    record.program = program;
-    record.arguments = arguments;
-    const bool hasDirectory = !record.workingDirectory.empty();
+    mRecord->restart(Finished);
+    bool isDirectoryMissing = false;
+    try {
+        mRecord->program = program;
+        mRecord->arguments = arguments;
+        if (!mRecord->launch(resolveProgram, NiceValue(priority), isDetached, isDirectoryMissing))
+            return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    if (isDirectoryMissing)
+        kyLogObject(kyLog::Warning)
+            << "Beware, could not change current working directory in startProcess "
+            << mRecord->workingDirectory;
+    return true;
+}
+
+bool kyProcess::Record::launch(bool resolveProgram, int niceValue, bool isDetached,
+                               bool& isDirectoryMissing)
+{
+    const bool hasDirectory = !workingDirectory.empty();
     const std::string directory =
-        hasDirectory ? kyDirUtils::GetAbsolutePathUtf8(record.workingDirectory) : "";
+        hasDirectory ? kyDirUtils::GetAbsolutePathUtf8(workingDirectory) : "";
     const std::string localDirectory = impl::ToLocalPath(directory);
 
     impl::LaunchRequest request;
-    request.program = impl::ToLocalPath(ProgramPath(record.program, resolveProgram, directory));
-    for (const std::string& argument : record.arguments)
+    request.program = impl::ToLocalPath(ProgramPath(program, resolveProgram, directory));
+    for (const std::string& argument : arguments)
         request.arguments.push_back(impl::ToLocalText(argument));
-    request.environment =
-        impl::ChildEnvironment(record.environment, record.has(Record::MergeEnvironment));
+    request.environment = impl::ChildEnvironment(environment, has(MergeEnvironment));
     request.directory = hasDirectory ? &localDirectory : nullptr;
-    request.niceValue = NiceValue(priority);
+    request.niceValue = niceValue;
     request.isDetached = isDetached;
     const impl::LaunchOutcome outcome = impl::Launch(request);
     if (outcome.pid < 0)
         return false;
+    isDirectoryMissing = outcome.isDirectoryMissing;
     if (isDetached)
-        record.followDetached(outcome.pid);
+        followDetached(outcome.pid);
     else
-        record.followAttached(outcome);
-    if (outcome.isDirectoryMissing)
-        kyLogObject(kyLog::Warning)
-            << "Beware, could not change current working directory in startProcess "
-            << record.workingDirectory;
+        followAttached(outcome);
     return true;
 }
 

@@ -50,8 +50,9 @@ bool WaitUntilReadable(int fd, microseconds time)
         const timespec timeout = {seconds.count(), (left - seconds).count()};
         pollfd process = {fd, POLLIN, 0};
         const int result = ::ppoll(&process, 1, &timeout, nullptr);
+        // A host that closes all descriptors has closed this one.
         if (result != -1 || errno != EINTR)
-            return result != -1;
+            return result != -1 && (process.revents & POLLNVAL) == 0;
     }
 }
 
@@ -218,8 +219,10 @@ bool kyProcess::sendSignal(int signal)
     if (getState() != Running || mRecord->pid == 0)
         return false;
     // By descriptor it cannot reach a stranger, even when somebody collects the child just now.
-    if (mRecord->processFd)
-        return ::syscall(SYS_pidfd_send_signal, mRecord->processFd.get(), signal, nullptr, 0) == 0;
+    if (mRecord->processFd &&
+        (::syscall(SYS_pidfd_send_signal, mRecord->processFd.get(), signal, nullptr, 0) == 0 ||
+         errno == ESRCH))
+        return true;
     return ::kill(mRecord->pid, signal) == 0;
 }
 
