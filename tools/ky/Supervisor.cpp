@@ -97,7 +97,7 @@ void Supervisor::follow()
             continue;
         // One that was on its way from fork to exec when it was asked may have lost the signal.
         if (mPhase == Phase::Ending && !std::exchange(mIsAskedAgain, true))
-            mTree.signal(SIGTERM);
+            signal(SIGTERM);
         kyThread::msleep(sNapMs);
     }
 }
@@ -116,7 +116,7 @@ void Supervisor::look()
     }
     // Again and again, for what was started meanwhile.
     if (mPhase == Phase::Killing)
-        mTree.signal(SIGKILL);
+        signal(SIGKILL);
 }
 
 void Supervisor::checkMemory()
@@ -146,9 +146,17 @@ void Supervisor::beginToEnd(const std::string& why)
     Warn(why + ", ending it");
     mPhase = Phase::Ending;
     mKillAtMs = elapsedMs() + mSupervision.graceMs;
-    mTree.signal(SIGTERM);
+    signal(SIGTERM);
     // One that is stopped would not hear of it.
-    mTree.signal(SIGCONT);
+    signal(SIGCONT);
+}
+
+void Supervisor::signal(int number)
+{
+    // The command is reached without proc(5) too, which no descriptor may be left to read.
+    if (mTree.list().empty() && mProcess.getState() == kyProcess::Running)
+        ::kill(mProcess.getPid(), number);
+    mTree.signal(number);
 }
 
 unsigned long Supervisor::elapsedMs() const

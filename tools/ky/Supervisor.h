@@ -40,6 +40,7 @@ private:
     void checkLimits();
     void checkMemory();
     void beginToEnd(const std::string& why);
+    void signal(int number);
     unsigned long elapsedMs() const;
     unsigned int msToNextLook() const;
     int exitCode() const;
