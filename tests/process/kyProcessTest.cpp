@@ -10,10 +10,12 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
 #include <linux/sched.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -109,7 +111,9 @@ TEST_F(Process, TellsHowAProgramHasEndedOrThatItDidNotStart)
     const std::string script = folder.write("script", "exit 5");
     const std::string secret = folder.write("secret", "exit 5");
     fs::permissions(script, fs::perms::owner_all);
-    ::setenv("PATH", (folder.path("none") + ":" + folder.path("") + ":/usr/bin:/bin").c_str(), 1);
+    const std::string tooLong = ":/" + std::string(PATH_MAX, 'x');
+    ::setenv("PATH",
+             (folder.path("none") + tooLong + ":" + folder.path("") + ":/usr/bin:/bin").c_str(), 1);
     EXPECT_EQ(process.getState(), kyProcess::NotStarted);
     EXPECT_TRUE(process.hasFailedToStart());
     EXPECT_TRUE(process.waitForFinished(0));
@@ -217,6 +221,51 @@ TEST_F(Process, TellsACrashWhenSomebodyElseCollectsTheChild)
         ::setrlimit(RLIMIT_NPROC, &none);
         EXPECT_EQ(kyProcess::ExecUtf8("true", {}, "", false, UINT_MAX, &error), -1);
         EXPECT_EQ(error, "Fail to start process");
+    });
+}
+
+TEST_F(Process, OutlivesAKilledIntermediateChild)
+{
+    const auto children = [](pid_t of) {
+        const std::string number = std::to_string(of);
+        return ky::test::Lines(
+            ky::test::Content("/proc/" + number + "/task/" + number + "/children"));
+    };
+    std::string path;
+    for (int i = 0; i < 100000; ++i)
+        path += "/none:";
+    ExpectChildPasses([&] {
+        ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+        ::setenv("PATH", path.c_str(), 1);
+        const pid_t parent = ::getpid();
+        const pid_t killer = ::fork();
+        while (killer == 0) {
+            for (const std::string& line : children(parent)) {
+                std::istringstream numbers(line);
+                for (pid_t child = 0; numbers >> child;)
+                    if (child != ::getpid() && !children(child).empty())
+                        ::kill(child, SIGKILL);
+            }
+        }
+        pid_t orphan = 0;
+        int status = 0;
+        while ((orphan = ::waitpid(-1, &status, WNOHANG)) == 0)
+            kyProcess::StartDetachedUtf8("no such program", {});
+        EXPECT_NE(orphan, killer);
+        EXPECT_EQ(status, SIGUSR1) << "its stack was taken from it";
+        ::kill(killer, SIGKILL);
+        EXPECT_EQ(::waitpid(killer, nullptr, 0), killer);
+    });
+}
+
+TEST_F(Process, StaysPromptWhenTheHostClosesItsDescriptor)
+{
+    ExpectChildPasses([&] {
+        ASSERT_TRUE(process.startProcess("sleep", {"1000"}));
+        ::close_range(3, ~0U, 0);
+        EXPECT_GE(TimeOf([&] { EXPECT_FALSE(process.waitForFinished(50)); }).count(), 50);
+        process.killProcess();
+        EXPECT_TRUE(process.waitForFinished(UINT_MAX));
     });
 }
 
