@@ -34,6 +34,7 @@ public:
     ConcurrentPool(const ConcurrentPool&) = delete;
     ConcurrentPool& operator=(const ConcurrentPool&) = delete;
 
+    /// As given to the constructor, but at least 1.
     unsigned int getWorkerCount() const;
 
     /// Runs every solver once and returns when all are done. They are handed out in the order of

@@ -19,6 +19,7 @@ public:
     /// Does nothing unless it runs.
     void stop();
 
+    /// Started and not stopped since.
     bool isRunning() const;
 
     /// Stopped, at 0.

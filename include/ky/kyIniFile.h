@@ -20,8 +20,8 @@ namespace ky {
 ///
 /// A value is a BOOL ("true" or "false" in any case), else an INTEGER (decimal, 0x10, 010), else a
 /// REAL, as far as strtoll(3) with base 0 and strtod(3) of the "C" locale take all of it, and a
-/// STRING otherwise. In double quotes it is a STRING with \" \t \r \n \\ undone, in this order and
-/// each over the whole text; without them no escape is.
+/// STRING otherwise. In double quotes it is a STRING with `\" \t \r \n \\` undone, in this order
+/// and each over the whole text; without them no escape is.
 ///
 /// False with a CRITICAL log line, which numbers lines from 1, where the file cannot be read (a
 /// folder is none), at a line that is neither, at a key that is empty, has an empty part between

@@ -12,6 +12,7 @@ public:
     /// Nothing known.
     kyPowerStatus();
 
+    /// Whether both members are the same.
     bool operator==(const kyPowerStatus& other) const;
     bool operator!=(const kyPowerStatus& other) const;
 

@@ -29,6 +29,7 @@ namespace ky {
 /// owner.
 class KY_API kyProcess {
 public:
+    /// How far it has come.
     enum ProcessState : unsigned int { NotStarted = 0, Running = 1, Finished = 2 };
 
     /// Absolute nice values (setpriority(2)); one that the system refuses is not set.
@@ -87,6 +88,7 @@ public:
 
     // These ask the system first, and never wait.
 
+    /// Finished also after a start that failed.
     ProcessState getState() const;
     /// Whether it has ended otherwise than by exiting.
     bool hasCrashed() const;

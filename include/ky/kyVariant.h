@@ -24,6 +24,7 @@ namespace ky {
 /// `std::string`, several threads may read one object while none changes it.
 class KY_API kyVariant {
 public:
+    /// What a value is.
     enum Type : int {
         Null = 0,  ///< no value
         Integer = 1,
@@ -37,11 +38,13 @@ public:
     };
 
     class kyVariantMapImpl;
+    /// The content of a List and of a RealVector.
     using kyVariantListImpl = std::vector<kyVariant>;
     using kyRealVector = std::vector<double>;
 
     /// `values` holds the rows one after the other, `rows * columns` numbers in all.
     struct kyRealMatrix {
+        /// The shape and the numbers; equal where all three are.
         std::size_t rows = 0;
         std::size_t columns = 0;
         std::vector<double> values;
@@ -71,6 +74,7 @@ public:
     kyVariant& operator=(const kyVariant& other);
     kyVariant& operator=(kyVariant&& other) noexcept;
 
+    /// Constant time; never fails.
     Type getType() const noexcept { return static_cast<Type>(mValue.index()); }
     /// "NULL", "INTEGER", "REAL", "STRING", "BOOL", "MAP", "LIST", "REAL_VECTOR", "REAL_MATRIX".
     const char* getTypeName() const noexcept;
@@ -147,8 +151,10 @@ private:
 /// for the length of its path, and for the logarithm of the number of keys at each step.
 class KY_API kyVariant::kyVariantMapImpl {
 public:
+    /// Goes over pairs of key and value; stays valid until its entry is removed.
     using const_iterator = std::map<std::string, kyVariant, std::less<>>::const_iterator;
 
+    /// Copies share nothing, and what was moved from is empty.
     kyVariantMapImpl() = default;
     kyVariantMapImpl(const kyVariantMapImpl&) = default;
     kyVariantMapImpl(kyVariantMapImpl&&) = default;
@@ -159,6 +165,8 @@ public:
         return *this;
     }
 
+    /// The entries of this map itself, in the order of their keys; `clear` removes them with all
+    /// that is below them.
     std::size_t size() const noexcept { return mEntries.size(); }
     bool empty() const noexcept { return mEntries.empty(); }
     const_iterator begin() const noexcept { return mEntries.begin(); }
@@ -187,6 +195,7 @@ public:
     /// without values leave nothing.
     void toFlattenMap(std::map<std::string, kyVariant>& out, char separator = '/') const;
 
+    /// Same keys, and the same value for each.
     bool operator==(const kyVariantMapImpl& other) const { return mEntries == other.mEntries; }
     bool operator!=(const kyVariantMapImpl& other) const { return !(*this == other); }
 
