@@ -113,9 +113,7 @@ public:
           mCancel(nullptr, nullptr, reasonToStop()),
           mWatchDog("daemon", settings.memoryMiB, 3),
           mInventory(mCancel)
-    {
-        mWatchDog.setMonitoringEnabled(true);
-    }
+    {}
     ~Daemon() { endUpdates(); }
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
@@ -230,7 +228,7 @@ private:
     Settings mSettings;
     const std::unique_ptr<ky::kyCancelIfParentProcessDied> mParent;
     ky::kyCancelInterfaceProxy mCancel;
-    ky::MemoryWatchDog mWatchDog;
+    const ky::MemoryWatchDog mWatchDog;
     Inventory mInventory;
     std::unique_ptr<ky::kyThreadPeriodicalUpdater> mUpdater;
     ky::kyNamedPipeServer mServer;
