@@ -5,9 +5,11 @@ program, and in "load" what /proc/loadavg said before. Columns of PAIRS: program
 of a peer; its time; name of the limit; its time; what is asked for. A time is
 
     NAME           the real time of a benchmark
-    NAME@COUNTER   one of its counters
+    NAME@COUNTER   one of its counters, with ":us" or another unit behind it a time to be shown
     1/...          the inverse of that
     =...           not a time but already ours divided by it, measured turn by turn
+    ?...           in the column of ours: may be missing, because it is there only beside its peer
+                   or the machine does not allow it
 
 NAME is without what Google Benchmark appends ("/manual_time" and the like). Cells may be empty; a
 peer that was not installed is left out.
@@ -44,8 +46,11 @@ def value(cell, benchmarks):
     entry = benchmarks.get(name)
     if entry is None:
         return None
-    number = entry[counter] if counter else entry["real_time"] * NS[entry["time_unit"]]
-    return 1 / number if inverse else number
+    counter, _, unit = counter.partition(":")
+    number = entry.get(counter) if counter else entry["real_time"] * NS[entry["time_unit"]]
+    if number and unit:
+        number *= NS[unit]
+    return 1 / number if inverse and number else number
 
 
 def ratio(ours, cell, benchmarks):
@@ -60,7 +65,10 @@ def measured(pairs, folder):
     for row in pairs:
         program, what, ours_cell, peer, peer_cell, limit, limit_cell, asked = row
         benchmarks = load(os.path.join(folder, program + ".json"))
-        ours = value(ours_cell, benchmarks)
+        ours = value(ours_cell.removeprefix("?"), benchmarks)
+        if ours is None and ours_cell.startswith("?"):
+            print(f"left out, not in this run: {what}, {peer}", file=sys.stderr)
+            continue
         if ours is None:
             sys.exit(f"pairs.csv: {program} has no {ours_cell}")
         by_peer = ratio(ours, peer_cell, benchmarks)
@@ -68,7 +76,7 @@ def measured(pairs, folder):
         if by_peer is None and by_limit is None:
             print(f"left out, its peer is not installed: {what}, {peer}", file=sys.stderr)
             continue
-        rows.append((what, ours if "@" not in ours_cell else None, peer, by_peer, limit, by_limit,
+        rows.append((what, ours if "@" not in ours_cell or ":" in ours_cell else None, peer, by_peer, limit, by_limit,
                      asked))
     return rows
 
@@ -101,7 +109,7 @@ def machine(folder):
 def cell(number):
     if number is None:
         return ""
-    text = f"{number:.2f}" if number < 10 else f"{number:.0f}"
+    text = f"{number:.2g}" if number < 0.1 else f"{number:.2f}" if number < 10 else f"{number:.0f}"
     return f"**{text}**" if number > 1.05 else text
 
 

@@ -8,8 +8,8 @@ gate_packages="$package_packages clang clang-format clang-tidy libbenchmark-dev 
     abigail-tools lintian mmdebstrap"
 
 # What scripts/bench compares with, and draws with.
-bench_packages="$build_packages libbenchmark-dev libspdlog-dev libboost-serialization-dev qtbase5-dev
-    libpoco-dev gnuplot-nox python3"
+bench_packages="$build_packages libbenchmark-dev libspdlog-dev libboost-filesystem-dev
+    libboost-serialization-dev libpoco-dev libsimpleini-dev qtbase5-dev gnuplot-nox python3"
 
 # Without a home of our own the compiler cache lives in the build folder.
 [ -w "${HOME:-/nowhere}" ] || export CCACHE_DIR=$PWD/build/ccache
