@@ -76,8 +76,8 @@ def measured(pairs, folder):
         if by_peer is None and by_limit is None:
             print(f"left out, its peer is not installed: {what}, {peer}", file=sys.stderr)
             continue
-        rows.append((what, ours if "@" not in ours_cell or ":" in ours_cell else None, peer, by_peer, limit, by_limit,
-                     asked))
+        is_time = "@" not in ours_cell or ":" in ours_cell
+        rows.append((what, ours if is_time else None, peer, by_peer, limit, by_limit, asked))
     return rows
 
 
