@@ -56,7 +56,7 @@ TEST(DaemonExample, DoesWhatItIsAskedAndEndsCleanly)
     EXPECT_EQ(RunScript(folder,
                         "( $D home & until_tells home files )\n"
                         "while [ -e home/daemon.lock ]; do :; done\n"
-                        "$D new & until_tells new scan; kill $!; wait $!; echo $?"),
+                        "$D new & until_tells new 'idle\\|scanning'; kill $!; wait $!; echo $?"),
               "0\n");
     for (const char* name : {"home/daemon.lock", "inventory", "new/daemon.lock", "ky-daemon"})
         EXPECT_FALSE(std::filesystem::exists(folder.path(name))) << name;
