@@ -1,8 +1,9 @@
+#include "Timing.h"
+
 #include "ky/kyStringUtils.h"
 
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -67,14 +68,6 @@ private:
     iconv_t mHandle;
     std::vector<char> mBuffer;
 };
-
-template <typename Work>
-double Seconds(Work work)
-{
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 /// Runs both turn by turn. Time of an iteration: ours. Counter `iconv_by_ours`: how many times
 /// longer iconv takes.

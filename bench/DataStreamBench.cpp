@@ -3,13 +3,13 @@
 // All write and read the same values; `by_inline` is the time by that of the inline code for the
 // same medium, measured turn by turn.
 
+#include "Timing.h"
+
 #include "ky/kyDataStream.h"
 #include "ky/kySystem.h"
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
-#include <chrono>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
@@ -503,20 +503,6 @@ const Side sSides[] = {
 #endif
 };
 
-double Seconds(void (*run)(int), int work)
-{
-    const auto start = std::chrono::steady_clock::now();
-    run(work);
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double Median(std::vector<double>& values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 void Compare(benchmark::State& state, const Side& side, int work)
 {
     // What is read was written by the same side; the first writing also makes the pages.
@@ -526,8 +512,8 @@ void Compare(benchmark::State& state, const Side& side, int work)
     std::vector<double> seconds;
     std::vector<double> limitSeconds;
     for (auto _ : state) {
-        limitSeconds.push_back(Seconds(side.limit, work));
-        seconds.push_back(Seconds(side.run, work));
+        limitSeconds.push_back(Seconds([&] { side.limit(work); }));
+        seconds.push_back(Seconds([&] { side.run(work); }));
         state.SetIterationTime(seconds.back());
     }
     const long values = written == WriteNumbers ? 2L * sPairs : sStrings;

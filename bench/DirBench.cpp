@@ -2,12 +2,12 @@
 // run turn by turn, so that `ours_by_peer` stands even where the speed of the machine does not.
 // Folders are made below "TMPDIR": the file system there decides about the times.
 
+#include "Timing.h"
+
 #include "ky/kyDirUtils.h"
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -43,21 +43,6 @@ public:
 private:
     std::string mPath;
 };
-
-template <typename Work>
-double Seconds(Work work)
-{
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double Median(std::vector<double>& values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 /// `prepare` is called before each turn; the two change places in each.
 template <typename Prepare, typename Ours, typename Peer>

@@ -1,14 +1,14 @@
 // Locks and threads beside what they are made of. The two are run turn by turn, so that the
 // counter `ours_by_peer` stands even where the speed of the machine does not.
 
+#include "Timing.h"
+
 #include "ky/kyMutex.h"
 #include "ky/kySystem.h"
 #include "ky/kyThread.h"
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
-#include <chrono>
 #include <climits>
 #include <thread>
 #include <vector>
@@ -50,21 +50,6 @@ struct EmptyThread : ky::kyThread {
     ~EmptyThread() override { waitThread(INT_MAX); }
     int run() override { return 0; }
 };
-
-template <typename Work>
-double Seconds(Work work)
-{
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double Median(std::vector<double>& values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 template <typename Ours, typename Peer>
 void Compare(benchmark::State& state, Ours ours, Peer peer)

@@ -2,6 +2,8 @@
 // and the peer take turns, so that `ours_by_peer`, the medians, stands even where the speed of the
 // machine does not. `best_by_best` is what counts on a machine that is busy with other things.
 
+#include "Timing.h"
+
 #include "ky/ConcurrentPool.h"
 #include "ky/kySystem.h"
 #include "ky/kyWorkThread.h"
@@ -9,7 +11,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <future>
 #include <vector>
 
@@ -34,21 +35,6 @@ struct Library {
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
 };
-
-template <typename Work>
-double Seconds(Work work)
-{
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double Median(std::vector<double>& values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 template <typename Ours, typename Peer>
 void Compare(benchmark::State& state, std::size_t items, Ours ours, Peer peer)
