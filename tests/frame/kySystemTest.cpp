@@ -139,6 +139,7 @@ TEST(Lifecycle, TellsAForkedChildAtEveryCheckThatItWasForked)
         ky::initializeKySystem(InitType::Full, false);
         const auto parent = std::to_string(State::FullInitProcessId());
         ky::CheckIfProcessForkAfterThreadSafeInit();
+        ky::test::WaitUntilOthersAreAsleep();
         if (::fork() == 0) {
             // A handler that checks itself must not go round for ever.
             ky::kyLog::Instance()->installCustomHandler(

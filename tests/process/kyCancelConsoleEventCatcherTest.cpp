@@ -121,6 +121,7 @@ TEST(ConsoleEventCatcher, BelongsToTheThreadThatInitialisedTheLibrary)
             ky::initializeKySystem(ky::InitType::Full, false);
             EXPECT_TRUE(MayCatch());
             EXPECT_FALSE(MayCatchOnThread());
+            ky::test::WaitUntilOthersAreAsleep();
             ky::test::ExpectChildPasses([] { EXPECT_TRUE(MayCatch()) << "a forked child"; });
             ky::terminateKySystem();
         }).join();

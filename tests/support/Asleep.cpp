@@ -2,29 +2,53 @@
 
 #include "frame/ThreadId.h"
 
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <memory>
 #include <utility>
 
 #include <sched.h>
+#include <unistd.h>
 
 namespace ky::test {
+namespace {
+
+/// True as well when there is no such thread.
+bool IsAsleep(const std::string& threadId)
+{
+    std::ifstream file("/proc/" + threadId + "/task/" + threadId + "/stat");
+    std::string line;
+    if (!std::getline(file, line))
+        return true;
+    // The name before the state may contain anything, a parenthesis too.
+    return line.compare(line.rfind(')'), 3, ") S") == 0;
+}
+
+bool AreOthersAsleep()
+{
+    const std::string own = std::to_string(::gettid());
+    bool areAsleep = true;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const std::string id = task.path().filename();
+        areAsleep = areAsleep && (id == own || IsAsleep(id));
+    }
+    return areAsleep;
+}
+
+}  // namespace
 
 void WaitUntilAsleep(const std::string& threadId)
 {
-    const std::string path = "/proc/" + threadId + "/task/" + threadId + "/stat";
-    while (true) {
-        std::ifstream file(path);
-        std::string line;
-        if (!std::getline(file, line))
-            return;
-        // The name before the state may contain anything, a parenthesis too.
-        const auto nameEnd = line.rfind(')');
-        if (line.compare(nameEnd, 3, ") S") == 0)
-            return;
+    while (!IsAsleep(threadId))
         ::sched_yield();
-    }
+}
+
+void WaitUntilOthersAreAsleep()
+{
+    // One may wake another before it goes to sleep itself, so one look is not enough.
+    for (int looks = 0; looks < 3; looks = AreOthersAsleep() ? looks + 1 : 0)
+        ::sched_yield();
 }
 
 std::thread StartUntilAsleep(std::function<void()> body)

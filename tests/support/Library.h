@@ -4,6 +4,7 @@
 #include "ky/kyLog.h"
 #include "ky/kySystem.h"
 
+#include "support/Asleep.h"
 #include "support/Child.h"
 
 #include <gtest/gtest.h>
@@ -22,15 +23,12 @@ struct LightLibrary : ::testing::Test {
     ~LightLibrary() override { terminateKySystem(); }
 };
 
-/// The library at the full level, with the log's thread at rest: a child forked while it allocates
-/// finds the locks of the sanitizers taken for ever.
+/// The library at the full level, with its threads at rest.
 struct FullLibrary : ::testing::Test {
     FullLibrary()
     {
         initializeKySystem(InitType::Full, false);
-        // Each returns when the thread has adopted the change; nothing is left to do for it then.
-        kyLog::Instance()->setEchoToConsole(false);
-        kyLog::Instance()->setEchoToConsole(true);
+        WaitUntilOthersAreAsleep();
     }
     ~FullLibrary() override { terminateKySystem(); }
 };

@@ -177,6 +177,7 @@ TEST_F(Pool, GoesOnInTheChildOfASolverThatForks)
         Solver solver([&](kyMutex&, kyWaitCondition&) {
             if (++done > 2)
                 return;
+            ky::test::WaitUntilOthersAreAsleep();
             const pid_t child = ::fork();
             if (child == 0) {
                 ::alarm(60);

@@ -112,6 +112,7 @@ TEST(ForkedChild, DestroysWhatThreadsOfItsParentHoldAndWaitFor)
             objects->condition.wait(&objects->mutex, ~0UL);
         });
         const auto taker = ky::test::StartUntilAsleep([&] { objects->semaphore.acquire(1); });
+        ky::test::WaitUntilOthersAreAsleep();
         if (::fork() == 0) {
             objects.reset();
             ky::kyMutex own;
