@@ -230,7 +230,7 @@ const char* WriteOver(int fd, std::string_view content)
         HasNoRoom(errno);
     if (isFull || !WriteAt(fd, head, content.substr(head))) {
         const int savedErrno = errno;
-        static_cast<void>(::ftruncate(fd, before.st_size));
+        static_cast<void>(::ftruncate(fd, before.st_size) == 0);
         errno = savedErrno;
         return sWriteFailure;
     }
