@@ -61,7 +61,7 @@ void WriteToStandardError(std::string line)
     // What is called writable takes that much at once (pipe(7)).
     line.resize(std::min<std::size_t>(line.size(), PIPE_BUF - 1));
     line.append(1, '\n');
-    static_cast<void>(::write(STDERR_FILENO, line.data(), line.size()));
+    static_cast<void>(::write(STDERR_FILENO, line.data(), line.size()) > 0);
 }
 
 /// Whether the line was through the sinks in time. Written by a thread of its own, since a stuck
