@@ -42,7 +42,7 @@ TEST(DaemonExample, DoesWhatItIsAskedAndEndsCleanly)
                         "$D home & until_tells home 'work: 2 files, 12 bytes, 3 lines'\n"
                         "$D home status | tail -n 2\n"
                         "$D home 2> second; echo $?\n"
-                        "sed -i s/work/other/ home/daemon.ini; $D home reload\n"
+                        "sed -i s,work,other, home/daemon.ini; $D home reload\n"
                         "until_tells home 'other: 1 files'\n"
                         "cp home/daemon.ini good; echo wrong >> home/daemon.ini\n"
                         "echo reload | " KY_COMMAND " pipe connect inventory\n"
