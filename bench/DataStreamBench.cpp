@@ -64,7 +64,7 @@ class MemoryDevice : public ky::kyIoDevice {
 public:
     explicit MemoryDevice(std::vector<char>& bytes) : kyIoDevice(DataWayWrite), mBytes(bytes) {}
     unsigned long readBytes(char* /*dst*/, unsigned long /*n*/) override { return 0; }
-    unsigned long writeBytes(char const* src, unsigned long n) override
+    unsigned long writeBytes(const char* src, unsigned long n) override
     {
         if (n > mBytes.size() - mSize)
             return 0;

@@ -40,7 +40,7 @@ class BodyDevice : public ky::kyIoDevice {
 public:
     explicit BodyDevice(std::vector<char>& bytes) : kyIoDevice(DataWayWrite), mBytes(bytes) {}
     unsigned long readBytes(char* /*dst*/, unsigned long /*n*/) override { return 0; }
-    unsigned long writeBytes(char const* src, unsigned long n) override
+    unsigned long writeBytes(const char* src, unsigned long n) override
     {
         mBytes.insert(mBytes.end(), src, src + n);
         return n;

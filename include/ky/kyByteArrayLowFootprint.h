@@ -19,8 +19,8 @@ class KY_API kyByteArrayLowFootprint {
 public:
     /// Empty.
     kyByteArrayLowFootprint() = default;
-    explicit kyByteArrayLowFootprint(std::string const& bytes);
-    kyByteArrayLowFootprint(kyByteArrayLowFootprint const& other);
+    explicit kyByteArrayLowFootprint(const std::string& bytes);
+    kyByteArrayLowFootprint(const kyByteArrayLowFootprint& other);
 
     /// Leaves `other` empty.
     kyByteArrayLowFootprint(kyByteArrayLowFootprint&& other) noexcept { swap(other); }
@@ -30,11 +30,11 @@ public:
         if (isFilled())
             freeBlock();
     }
-    kyByteArrayLowFootprint& operator=(kyByteArrayLowFootprint const& other);
+    kyByteArrayLowFootprint& operator=(const kyByteArrayLowFootprint& other);
     kyByteArrayLowFootprint& operator=(kyByteArrayLowFootprint&& other) noexcept;
 
     /// Copies the bytes. Without any (`data` null or `n` 0) the array is empty then, not null.
-    void setData(char const* data, unsigned long n);
+    void setData(const char* data, unsigned long n);
     void clear() { setData(nullptr, 0); }
     void setToNull();
 
@@ -60,8 +60,8 @@ public:
 
     /// The bytes, followed by a zero byte. Never a null pointer: without bytes it is the address of
     /// a zero byte that must not be written. Valid until the next change.
-    char const* rawData() const;
-    char const* constRawData() const { return rawData(); }
+    const char* rawData() const;
+    const char* constRawData() const { return rawData(); }
 
     /// Null when there are no bytes.
     char* editRawData();
@@ -71,15 +71,15 @@ public:
     void toByteVector(std::vector<char>& out) const;
 
     /// Same state and same bytes: null and empty differ.
-    bool operator==(kyByteArrayLowFootprint const& other) const;
-    bool operator!=(kyByteArrayLowFootprint const& other) const { return !(*this == other); }
+    bool operator==(const kyByteArrayLowFootprint& other) const;
+    bool operator!=(const kyByteArrayLowFootprint& other) const { return !(*this == other); }
 
     /// Not lexicographic: null, then empty, then filled; of filled ones the shorter first, and by
     /// unsigned bytes where the lengths are equal.
-    bool operator<(kyByteArrayLowFootprint const& other) const;
-    bool operator<=(kyByteArrayLowFootprint const& other) const { return !(other < *this); }
-    bool operator>(kyByteArrayLowFootprint const& other) const { return other < *this; }
-    bool operator>=(kyByteArrayLowFootprint const& other) const { return !(*this < other); }
+    bool operator<(const kyByteArrayLowFootprint& other) const;
+    bool operator<=(const kyByteArrayLowFootprint& other) const { return !(other < *this); }
+    bool operator>(const kyByteArrayLowFootprint& other) const { return other < *this; }
+    bool operator>=(const kyByteArrayLowFootprint& other) const { return !(*this < other); }
 
     /// Null, from before the first static constructor until after the last static destructor.
     static const kyByteArrayLowFootprint sNull;

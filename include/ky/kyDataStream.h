@@ -55,12 +55,12 @@ public:
     std::string getErrorMsg() const;
 
     /// Clears the ok flag. The text replaces one that is there already, and there never is one.
-    void setError(std::string const& msg);
+    void setError(const std::string& msg);
 
     /// The value's bytes as one call of the device. False when not all were moved, or without a
     /// device. The big-endian ones reverse them, in a copy; a reading one that fails leaves its
     /// target as it was, where a little-endian one may have moved a part.
-    bool write1Byte(char const* value) { return write<1, false>(value); }
+    bool write1Byte(const char* value) { return write<1, false>(value); }
     bool write2BytesLittleEndian(char* value) { return write<2, false>(value); }
     bool write4BytesLittleEndian(char* value) { return write<4, false>(value); }
     bool write8BytesLittleEndian(char* value) { return write<8, false>(value); }
@@ -76,7 +76,7 @@ public:
     bool read8BytesBigEndian(char* value) { return read<8, true>(value); }
 
     /// Returns the ok flag: true, too, for nothing written because only the device is in error.
-    bool writeRawData(char const* data, unsigned long n);
+    bool writeRawData(const char* data, unsigned long n);
 
     /// Returns how many bytes came. Nothing is read, and nothing fails, for `n` 0 or a null `dst`.
     unsigned long readRawBytes(char* dst, unsigned long n);
@@ -97,16 +97,16 @@ public:
 
     /// More than 4 GiB - 1 bytes are an error and write nothing.
     kyDataStream& operator<<(std::string_view text);
-    kyDataStream& operator<<(std::vector<char> const& bytes);
+    kyDataStream& operator<<(const std::vector<char>& bytes);
 
     /// Up to its terminator; null is an empty text.
-    kyDataStream& operator<<(char const* text);
+    kyDataStream& operator<<(const char* text);
 
     /// What has no layout of its own: other pointers would be taken for bools, enumerations and
     /// wide characters for numbers of some size. Cast to the type that the reader reads.
     template <typename Value,
               std::enable_if_t<
-                  std::is_scalar_v<Value> && !std::is_convertible_v<Value, char const*>, int> = 0>
+                  std::is_scalar_v<Value> && !std::is_convertible_v<Value, const char*>, int> = 0>
     kyDataStream& operator<<(Value) = delete;
 
     /// False after a failure.
@@ -132,7 +132,7 @@ public:
 private:
     /// `N` bytes in reverse, within registers.
     template <unsigned N>
-    static void Reverse(char* to, char const* from)
+    static void Reverse(char* to, const char* from)
     {
         static_assert(N == 2 || N == 4 || N == 8, "the sizes of numbers");
         if constexpr (N == 2) {
@@ -154,7 +154,7 @@ private:
     }
 
     template <unsigned N, bool reversed>
-    bool write(char const* value)
+    bool write(const char* value)
     {
         if constexpr (reversed) {
             char bytes[N];

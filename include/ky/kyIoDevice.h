@@ -40,7 +40,7 @@ public:
     virtual unsigned long readBytes(char* dst, unsigned long n) = 0;
 
     /// Returns how many bytes were accepted.
-    virtual unsigned long writeBytes(char const* src, unsigned long n) = 0;
+    virtual unsigned long writeBytes(const char* src, unsigned long n) = 0;
 
     /// Whether nothing is left to read.
     virtual bool atEnd() const = 0;
@@ -66,7 +66,7 @@ public:
     /// Sets the error flag and logs a TRACE line under the system-log name "iodevice". Only the
     /// first message is kept, and each line repeats that one; an empty message is kept as
     /// " unknown device error".
-    void setDeviceError(std::string const& msg);
+    void setDeviceError(const std::string& msg);
     void clearDeviceError();
 
     /// What the device supports, as it tells itself. Changing that opens and closes nothing.
@@ -79,8 +79,8 @@ public:
 
     /// Writes the bytes of the text, without a terminator; a null pointer writes nothing. How many
     /// bytes were accepted is not told.
-    kyIoDevice& operator<<(std::string const& text);
-    kyIoDevice& operator<<(char const* text);
+    kyIoDevice& operator<<(const std::string& text);
+    kyIoDevice& operator<<(const char* text);
 
 private:
     std::string mErrorMsg;
@@ -121,7 +121,7 @@ class KY_API kyIoDeviceFileStream : public kyIoDeviceRandomAccess {
 public:
     /// Closed, or opened as `open` does.
     kyIoDeviceFileStream();
-    kyIoDeviceFileStream(std::string const& path, DataWay way, bool truncate);
+    kyIoDeviceFileStream(const std::string& path, DataWay way, bool truncate);
 
     /// Closes. Who wants to know whether that succeeded calls `close` before.
     ~kyIoDeviceFileStream() override;
@@ -138,11 +138,11 @@ public:
     bool open(DataWay way, bool truncate);
 
     /// `path` is UTF-8. One that the local 8-bit set lacks fails like a missing file.
-    bool open(std::string const& path, DataWay way, bool truncate);
+    bool open(const std::string& path, DataWay way, bool truncate);
 
     /// Closes and clears the error, as `open` does. Always true.
-    bool setFilePath(std::string const& path);
-    std::string const& getFilePath() const { return mPath; }
+    bool setFilePath(const std::string& path);
+    const std::string& getFilePath() const { return mPath; }
     bool isOpen() const { return mIsOpen; }
 
     /// Hands what is buffered to the system. Returns `good()`.
@@ -155,7 +155,7 @@ public:
     unsigned long readBytes(char* dst, unsigned long n) override;
 
     /// All or, with an error, 0. The position advances by `n` in either case.
-    unsigned long writeBytes(char const* src, unsigned long n) override;
+    unsigned long writeBytes(const char* src, unsigned long n) override;
 
     /// Looks one byte ahead. A failure of that is not the end: the next operation records it.
     bool atEnd() const override;
@@ -171,7 +171,7 @@ private:
     bool isReadyFor(DataWay way) const;
     void advance(unsigned long n);
     unsigned long readFromStream(char* dst, unsigned long n);
-    unsigned long writeToStream(char const* src, unsigned long n);
+    unsigned long writeToStream(const char* src, unsigned long n);
     bool flushStream();
     bool seekToWrite(long offset, SeekStart from);
     bool seekToRead(long offset, SeekStart from);
@@ -191,7 +191,7 @@ public:
     explicit kyIoDeviceStdStreamProxy(std::ostream* output);
 
     unsigned long readBytes(char* dst, unsigned long n) override;
-    unsigned long writeBytes(char const* src, unsigned long n) override;
+    unsigned long writeBytes(const char* src, unsigned long n) override;
     /// Whether the input has no byte left. False for an output.
     bool atEnd() const override;
 
@@ -213,7 +213,7 @@ public:
     kyIoDeviceDummy() : kyIoDevice(DataWayWrite) {}
 
     unsigned long readBytes(char* dst, unsigned long n) override;
-    unsigned long writeBytes(char const* src, unsigned long n) override;
+    unsigned long writeBytes(const char* src, unsigned long n) override;
     /// Always.
     bool atEnd() const override { return true; }
 };
@@ -225,7 +225,7 @@ public:
     kyIoDeviceNullWriteOnly() : kyIoDeviceRandomAccess(DataWayWrite) {}
 
     unsigned long readBytes(char* dst, unsigned long n) override;
-    unsigned long writeBytes(char const* src, unsigned long n) override;
+    unsigned long writeBytes(const char* src, unsigned long n) override;
     /// Always.
     bool atEnd() const override { return true; }
     bool seek(long offset, SeekStart from) override;
@@ -242,13 +242,13 @@ private:
 class KY_API kyIoDeviceByteContainerReadOnly : public kyIoDeviceRandomAccess {
 public:
     /// `size` bytes at `data`, which must outlive the device; null with 0.
-    kyIoDeviceByteContainerReadOnly(char const* data, unsigned long size)
+    kyIoDeviceByteContainerReadOnly(const char* data, unsigned long size)
         : kyIoDeviceRandomAccess(DataWayRead), mData(data), mSize(size)
     {}
     ~kyIoDeviceByteContainerReadOnly() override { mPosition = 0; }
 
     unsigned long readBytes(char* dst, unsigned long n) override;
-    unsigned long writeBytes(char const* src, unsigned long n) override;
+    unsigned long writeBytes(const char* src, unsigned long n) override;
     /// Behind the last byte.
     bool atEnd() const override { return mPosition >= mSize; }
 
@@ -257,7 +257,7 @@ public:
     long getCurrentPos() const override { return static_cast<long>(mPosition); }
 
 private:
-    char const* const mData;
+    const char* const mData;
     const unsigned long mSize;
     unsigned long mPosition = 0;
 };

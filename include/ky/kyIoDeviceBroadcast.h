@@ -18,10 +18,10 @@ class KY_API kyIoDeviceBroadcast : public kyIoDevice {
 public:
     /// The devices must outlive the broadcast; null pointers are dropped. Without any device every
     /// write is accepted.
-    explicit kyIoDeviceBroadcast(std::vector<kyIoDevice*> const& devices);
+    explicit kyIoDeviceBroadcast(const std::vector<kyIoDevice*>& devices);
 
     unsigned long readBytes(char* dst, unsigned long n) override;
-    unsigned long writeBytes(char const* src, unsigned long n) override;
+    unsigned long writeBytes(const char* src, unsigned long n) override;
     /// False, with a CRITICAL line.
     bool atEnd() const override;
 

@@ -24,17 +24,17 @@ namespace ky::rc {
 /// are there until that is unloaded, and `size` to their number. For a name that is not registered
 /// it gives null and 0, logs a CRITICAL line, "Resource is missing " and the name, and returns
 /// false. An empty resource is no failure.
-KY_API bool GetResource(char const* name, char const*& data, unsigned long& size);
+KY_API bool GetResource(const char* name, const char*& data, unsigned long& size);
 
 /// The same, with a copy of the bytes in `out`, which is empty when the resource is missing. The
 /// copy is whole, even while another thread unregisters the resource.
-KY_API bool GetResource(char const* name, std::string& out);
+KY_API bool GetResource(const char* name, std::string& out);
 
 /// The SHA-256 digest that was registered with the resource, 64 hexadecimal characters without a
 /// terminating zero byte, and 64. The registry neither computes nor checks it. A missing resource
 /// is told as above.
-KY_API bool GetResourceSha256Hex(char const* name, char const*& digest, unsigned long& size);
-KY_API bool GetResourceSha256Hex(char const* name, std::string& out);
+KY_API bool GetResourceSha256Hex(const char* name, const char*& digest, unsigned long& size);
+KY_API bool GetResourceSha256Hex(const char* name, std::string& out);
 
 namespace impl {
 
@@ -45,16 +45,16 @@ namespace impl {
 /// A name that is registered already, or that comes twice here, keeps its first registration; a
 /// CRITICAL line tells it, "Resource conflict " and the name. When a null name, or a lack of
 /// memory, throws, what came before it stays registered.
-KY_API void RegisterResources(unsigned long count, char const* blob, char const* const* names,
-                              char const* const* sha256Hex, unsigned long const* sizes,
-                              unsigned long const* offsets);
+KY_API void RegisterResources(unsigned long count, const char* blob, const char* const* names,
+                              const char* const* sha256Hex, const unsigned long* sizes,
+                              const unsigned long* offsets);
 
 /// Removes the resources of these names; nothing else is looked at. For a name that is not
 /// registered it logs a CRITICAL line, "Resource is already unregistered " and the name. Without a
 /// registry, after termination or before anything was registered, it does nothing at all.
-KY_API void UnRegisterResources(unsigned long count, char const* blob, char const* const* names,
-                                char const* const* sha256Hex, unsigned long const* sizes,
-                                unsigned long const* offsets);
+KY_API void UnRegisterResources(unsigned long count, const char* blob, const char* const* names,
+                                const char* const* sha256Hex, const unsigned long* sizes,
+                                const unsigned long* offsets);
 
 }  // namespace impl
 }  // namespace ky::rc

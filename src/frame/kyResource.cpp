@@ -168,7 +168,7 @@ void impl::DestroyResourceRegistry()
     last.reset(std::exchange(sRegistry, nullptr));
 }
 
-bool rc::GetResource(char const* name, char const*& data, unsigned long& size)
+bool rc::GetResource(const char* name, const char*& data, unsigned long& size)
 {
     return Find(name, [&](const Entry* entry) {
         data = entry != nullptr ? entry->data : nullptr;
@@ -176,7 +176,7 @@ bool rc::GetResource(char const* name, char const*& data, unsigned long& size)
     });
 }
 
-bool rc::GetResource(char const* name, std::string& out)
+bool rc::GetResource(const char* name, std::string& out)
 {
     if (name == nullptr)
         out.clear();
@@ -187,7 +187,7 @@ bool rc::GetResource(char const* name, std::string& out)
     });
 }
 
-bool rc::GetResourceSha256Hex(char const* name, char const*& digest, unsigned long& size)
+bool rc::GetResourceSha256Hex(const char* name, const char*& digest, unsigned long& size)
 {
     return Find(name, [&](const Entry* entry) {
         digest = entry != nullptr ? entry->digest : nullptr;
@@ -195,7 +195,7 @@ bool rc::GetResourceSha256Hex(char const* name, char const*& digest, unsigned lo
     });
 }
 
-bool rc::GetResourceSha256Hex(char const* name, std::string& out)
+bool rc::GetResourceSha256Hex(const char* name, std::string& out)
 {
     if (name == nullptr)
         out.clear();
@@ -206,9 +206,9 @@ bool rc::GetResourceSha256Hex(char const* name, std::string& out)
     });
 }
 
-void rc::impl::RegisterResources(unsigned long count, char const* blob, char const* const* names,
-                                 char const* const* sha256Hex, unsigned long const* sizes,
-                                 unsigned long const* offsets)
+void rc::impl::RegisterResources(unsigned long count, const char* blob, const char* const* names,
+                                 const char* const* sha256Hex, const unsigned long* sizes,
+                                 const unsigned long* offsets)
 {
     const Operation operation;
     for (unsigned long i = 0; i < count; ++i) {
@@ -218,9 +218,9 @@ void rc::impl::RegisterResources(unsigned long count, char const* blob, char con
     }
 }
 
-void rc::impl::UnRegisterResources(unsigned long count, char const* /*blob*/,
-                                   char const* const* names, char const* const* /*sha256Hex*/,
-                                   unsigned long const* /*sizes*/, unsigned long const* /*offsets*/)
+void rc::impl::UnRegisterResources(unsigned long count, const char* /*blob*/,
+                                   const char* const* names, const char* const* /*sha256Hex*/,
+                                   const unsigned long* /*sizes*/, const unsigned long* /*offsets*/)
 {
     const Operation operation;
     if (!HasRegistry())

@@ -14,7 +14,7 @@ unsigned long kyIoDeviceDummy::readBytes(char* /*dst*/, unsigned long /*n*/)
     return 0;
 }
 
-unsigned long kyIoDeviceDummy::writeBytes(char const* /*src*/, unsigned long n)
+unsigned long kyIoDeviceDummy::writeBytes(const char* /*src*/, unsigned long n)
 {
     return n;
 }
@@ -25,7 +25,7 @@ unsigned long kyIoDeviceNullWriteOnly::readBytes(char* /*dst*/, unsigned long /*
     return 0;
 }
 
-unsigned long kyIoDeviceNullWriteOnly::writeBytes(char const* /*src*/, unsigned long n)
+unsigned long kyIoDeviceNullWriteOnly::writeBytes(const char* /*src*/, unsigned long n)
 {
     moveTo(mPosition + n);
     return n;
@@ -63,7 +63,7 @@ unsigned long kyIoDeviceByteContainerReadOnly::readBytes(char* dst, unsigned lon
     return size;
 }
 
-unsigned long kyIoDeviceByteContainerReadOnly::writeBytes(char const* /*src*/, unsigned long /*n*/)
+unsigned long kyIoDeviceByteContainerReadOnly::writeBytes(const char* /*src*/, unsigned long /*n*/)
 {
     setDeviceError("Write is not supported");
     return 0;

@@ -29,12 +29,12 @@ char* MakeBlock(unsigned long n)
 constinit const kyByteArrayLowFootprint kyByteArrayLowFootprint::sNull{
     kyByteArrayLowFootprint::sNullWord};
 
-kyByteArrayLowFootprint::kyByteArrayLowFootprint(std::string const& bytes)
+kyByteArrayLowFootprint::kyByteArrayLowFootprint(const std::string& bytes)
 {
     setData(bytes.data(), bytes.size());
 }
 
-kyByteArrayLowFootprint::kyByteArrayLowFootprint(kyByteArrayLowFootprint const& other)
+kyByteArrayLowFootprint::kyByteArrayLowFootprint(const kyByteArrayLowFootprint& other)
 {
     if (other.isNull())
         mWord = sNullWord;
@@ -42,7 +42,7 @@ kyByteArrayLowFootprint::kyByteArrayLowFootprint(kyByteArrayLowFootprint const& 
         setData(other.rawData(), other.size());
 }
 
-kyByteArrayLowFootprint& kyByteArrayLowFootprint::operator=(kyByteArrayLowFootprint const& other)
+kyByteArrayLowFootprint& kyByteArrayLowFootprint::operator=(const kyByteArrayLowFootprint& other)
 {
     if (this != &other)
         kyByteArrayLowFootprint(other).swap(*this);
@@ -57,7 +57,7 @@ kyByteArrayLowFootprint& kyByteArrayLowFootprint::operator=(
     return *this;
 }
 
-void kyByteArrayLowFootprint::setData(char const* data, unsigned long n)
+void kyByteArrayLowFootprint::setData(const char* data, unsigned long n)
 {
     if (data == nullptr || n == 0)
         return replaceBlock(sEmptyWord);
@@ -88,7 +88,7 @@ unsigned int kyByteArrayLowFootprint::size() const
     return length;
 }
 
-char const* kyByteArrayLowFootprint::rawData() const
+const char* kyByteArrayLowFootprint::rawData() const
 {
     return isFilled() ? block() + sLengthBytes : "";
 }
@@ -103,12 +103,12 @@ void kyByteArrayLowFootprint::toByteVector(std::vector<char>& out) const
     out.assign(rawData(), rawData() + size());
 }
 
-bool kyByteArrayLowFootprint::operator==(kyByteArrayLowFootprint const& other) const
+bool kyByteArrayLowFootprint::operator==(const kyByteArrayLowFootprint& other) const
 {
     return isNull() == other.isNull() && toStringView() == other.toStringView();
 }
 
-bool kyByteArrayLowFootprint::operator<(kyByteArrayLowFootprint const& other) const
+bool kyByteArrayLowFootprint::operator<(const kyByteArrayLowFootprint& other) const
 {
     if (isNull() || other.isNull())
         return isNull() && !other.isNull();

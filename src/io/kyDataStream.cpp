@@ -24,7 +24,7 @@ std::string kyDataStream::getErrorMsg() const
     return text + mDevice->getDeviceErrorMsg();
 }
 
-void kyDataStream::setError(std::string const& msg)
+void kyDataStream::setError(const std::string& msg)
 {
     mIsOk = false;
     // kept: the first message finds none to replace, so the device's text is what is told.
@@ -42,7 +42,7 @@ void kyDataStream::failToRead()
     setError("Read error");
 }
 
-bool kyDataStream::writeRawData(char const* data, unsigned long n)
+bool kyDataStream::writeRawData(const char* data, unsigned long n)
 {
     // kept: true for a device in error as long as the flag is.
     if (isOk() && (mDevice == nullptr || mDevice->writeBytes(data, n) != n))
@@ -76,12 +76,12 @@ kyDataStream& kyDataStream::operator<<(std::string_view text)
     return *this;
 }
 
-kyDataStream& kyDataStream::operator<<(std::vector<char> const& bytes)
+kyDataStream& kyDataStream::operator<<(const std::vector<char>& bytes)
 {
     return *this << std::string_view(bytes.data(), bytes.size());
 }
 
-kyDataStream& kyDataStream::operator<<(char const* text)
+kyDataStream& kyDataStream::operator<<(const char* text)
 {
     return *this << (text != nullptr ? std::string_view(text) : std::string_view());
 }

@@ -45,7 +45,7 @@ bool kyIoDevice::writeBackToDevice(kyIoDevice& dst, unsigned long* bytesWritten,
     return good();
 }
 
-void kyIoDevice::setDeviceError(std::string const& msg)
+void kyIoDevice::setDeviceError(const std::string& msg)
 {
     mHasError = true;
     if (mErrorMsg.empty())
@@ -74,13 +74,13 @@ unsigned long kyIoDevice::skipBytes(unsigned long n)
     return skipped;
 }
 
-kyIoDevice& kyIoDevice::operator<<(std::string const& text)
+kyIoDevice& kyIoDevice::operator<<(const std::string& text)
 {
     writeBytes(text.data(), text.size());
     return *this;
 }
 
-kyIoDevice& kyIoDevice::operator<<(char const* text)
+kyIoDevice& kyIoDevice::operator<<(const char* text)
 {
     if (text != nullptr)
         writeBytes(text, std::strlen(text));

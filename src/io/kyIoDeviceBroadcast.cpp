@@ -7,7 +7,7 @@
 
 namespace ky {
 
-kyIoDeviceBroadcast::kyIoDeviceBroadcast(std::vector<kyIoDevice*> const& devices)
+kyIoDeviceBroadcast::kyIoDeviceBroadcast(const std::vector<kyIoDevice*>& devices)
     : kyIoDevice(DataWayWrite)
 {
     std::copy_if(devices.begin(), devices.end(), std::back_inserter(mDevices),
@@ -20,7 +20,7 @@ unsigned long kyIoDeviceBroadcast::readBytes(char* /*dst*/, unsigned long /*n*/)
     return 0;
 }
 
-unsigned long kyIoDeviceBroadcast::writeBytes(char const* src, unsigned long n)
+unsigned long kyIoDeviceBroadcast::writeBytes(const char* src, unsigned long n)
 {
     for (kyIoDevice* const device : mDevices) {
         if (device->writeBytes(src, n) != n || device->hasDeviceError()) {

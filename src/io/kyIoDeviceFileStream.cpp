@@ -31,7 +31,7 @@ std::ios_base::openmode OpenMode(kyIoDevice::DataWay way, bool truncate, const s
 
 kyIoDeviceFileStream::kyIoDeviceFileStream() : kyIoDeviceRandomAccess(DataWayNone) {}
 
-kyIoDeviceFileStream::kyIoDeviceFileStream(std::string const& path, DataWay way, bool truncate)
+kyIoDeviceFileStream::kyIoDeviceFileStream(const std::string& path, DataWay way, bool truncate)
     : kyIoDeviceFileStream()
 {
     open(path, way, truncate);
@@ -70,13 +70,13 @@ bool kyIoDeviceFileStream::open(DataWay way, bool truncate)
     return true;
 }
 
-bool kyIoDeviceFileStream::open(std::string const& path, DataWay way, bool truncate)
+bool kyIoDeviceFileStream::open(const std::string& path, DataWay way, bool truncate)
 {
     setFilePath(path);
     return open(way, truncate);
 }
 
-bool kyIoDeviceFileStream::setFilePath(std::string const& path)
+bool kyIoDeviceFileStream::setFilePath(const std::string& path)
 {
     close();
     clearDeviceError();
@@ -145,7 +145,7 @@ unsigned long kyIoDeviceFileStream::readFromStream(char* dst, unsigned long n)
     return got;
 }
 
-unsigned long kyIoDeviceFileStream::writeBytes(char const* src, unsigned long n)
+unsigned long kyIoDeviceFileStream::writeBytes(const char* src, unsigned long n)
 {
     if (mStream && isReadyFor(DataWayWrite) && mStream->buffer().tryWrite(src, n)) {
         advance(n);
@@ -154,7 +154,7 @@ unsigned long kyIoDeviceFileStream::writeBytes(char const* src, unsigned long n)
     return writeToStream(src, n);
 }
 
-unsigned long kyIoDeviceFileStream::writeToStream(char const* src, unsigned long n)
+unsigned long kyIoDeviceFileStream::writeToStream(const char* src, unsigned long n)
 {
     if (!mStream || !good() || !supports(DataWayWrite))
         return 0;

@@ -26,7 +26,7 @@ unsigned long kyIoDeviceStdStreamProxy::readBytes(char* dst, unsigned long n)
     return got;
 }
 
-unsigned long kyIoDeviceStdStreamProxy::writeBytes(char const* src, unsigned long n)
+unsigned long kyIoDeviceStdStreamProxy::writeBytes(const char* src, unsigned long n)
 {
     if (!good() || mOutput == nullptr)
         return 0;

@@ -28,7 +28,7 @@ class UnbufferedFile : public kyIoDeviceFileStream {
 public:
     using kyIoDeviceFileStream::kyIoDeviceFileStream;
 
-    unsigned long writeBytes(char const* src, unsigned long n) override
+    unsigned long writeBytes(const char* src, unsigned long n) override
     {
         return kyIoDeviceFileStream::writeBytes(src, n) == n && flush() ? n : 0;
     }
