@@ -41,6 +41,8 @@ public:
     /// Enabling checks at once, disabling stops the checks and costs no wake-ups. Logs a TRACE line
     /// each time.
     void setMonitoringEnabled(bool enabled);
+
+    /// False in a forked child.
     bool isMonitoringEnabled();
 
 protected:

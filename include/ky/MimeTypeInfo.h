@@ -19,12 +19,16 @@ public:
 
     /// The type that is not known.
     MimeTypeInfo() = default;
+
+    /// A type of the host's own.
     MimeTypeInfo(std::string mimeType, Compressible compressible)
         : mMimeType(std::move(mimeType)), mCompressible(compressible)
     {}
 
     /// As in "text/html"; empty when the type is not known.
     const std::string& getMimeType() const { return mMimeType; }
+
+    /// `Unknown` when the type is not known.
     Compressible getCompressible() const { return mCompressible; }
 
 private:

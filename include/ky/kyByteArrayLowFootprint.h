@@ -19,11 +19,16 @@ class KY_API kyByteArrayLowFootprint {
 public:
     /// Empty.
     kyByteArrayLowFootprint() = default;
+
+    /// A copy of the bytes; empty when there are none.
     explicit kyByteArrayLowFootprint(const std::string& bytes);
+
+    /// In the same state as `other`, with a block of its own.
     kyByteArrayLowFootprint(const kyByteArrayLowFootprint& other);
 
     /// Leaves `other` empty.
     kyByteArrayLowFootprint(kyByteArrayLowFootprint&& other) noexcept { swap(other); }
+
     ~kyByteArrayLowFootprint()
     {
         // A null array stays null to the very end, so that static objects may still read `sNull`.
@@ -35,7 +40,11 @@ public:
 
     /// Copies the bytes. Without any (`data` null or `n` 0) the array is empty then, not null.
     void setData(const char* data, unsigned long n);
+
+    /// Empty, not null, afterwards.
     void clear() { setData(nullptr, 0); }
+
+    /// Null afterwards.
     void setToNull();
 
     /// `n` bytes of `fill`, in place when the size is `n` already: a null array resized to 0 stays
@@ -56,6 +65,8 @@ public:
     /// True for null too.
     bool isEmpty() const { return !isFilled(); }
     bool empty() const { return isEmpty(); }
+
+    /// In bytes; 0 for null too.
     unsigned int size() const;
 
     /// The bytes, followed by a zero byte. Never a null pointer: without bytes it is the address of
@@ -68,6 +79,8 @@ public:
 
     /// Valid until the next change.
     std::string_view toStringView() const { return {rawData(), size()}; }
+
+    /// Replaces the content of `out` by a copy of the bytes.
     void toByteVector(std::vector<char>& out) const;
 
     /// Same state and same bytes: null and empty differ.

@@ -52,6 +52,7 @@ public:
     static void GetFileInfoUtf8(const std::string& path, kyFileInfoUtf8& info);
     /// Whatever it is: a folder, a pipe and so on too.
     static bool FileExistsUtf8(const std::string& path);
+    /// A folder alone.
     static bool DirExistsUtf8(const std::string& path);
     /// True for the empty path.
     static bool IsPathRelativeUtf8(const std::string& path);
@@ -67,6 +68,7 @@ public:
 
     /// The current folder belongs to the whole process. "" on failure.
     static std::string GetCurrentWorkingDirUtf8();
+    /// For all threads, so it is for the start of a program.
     static bool SetCurrentWorkingDirUtf8(const std::string& path);
     /// The folder of the running program; "" when that lies in the root.
     static bool GetProcessFolderUtf8(std::string& folder);

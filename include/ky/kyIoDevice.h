@@ -44,6 +44,7 @@ public:
 
     /// Whether nothing is left to read.
     virtual bool atEnd() const = 0;
+
     /// Whether an error has been kept.
     virtual bool hasDeviceError() const { return mHasError; }
 
@@ -67,6 +68,8 @@ public:
     /// first message is kept, and each line repeats that one; an empty message is kept as
     /// " unknown device error".
     void setDeviceError(const std::string& msg);
+
+    /// Drops the flag and the message. What the device has lost stays lost.
     void clearDeviceError();
 
     /// What the device supports, as it tells itself. Changing that opens and closes nothing.
@@ -99,6 +102,7 @@ public:
 
     /// Moves the position by `offset` bytes from there. False when it does not.
     virtual bool seek(long offset, SeekStart from) = 0;
+
     /// In bytes from the beginning.
     virtual long getCurrentPos() const = 0;
 
@@ -131,7 +135,7 @@ public:
     /// missing. Write-only without `truncate` appends to a file that exists, and the position
     /// counts from 0 all the same. Opening a named pipe in one direction waits for the other side
     /// (fifo(7)); where the file is also opened for reading, as for appending, it does not. A
-    /// directory opens for reading, and the first read fails.
+    /// folder opens for reading, and the first read fails.
     ///
     /// A failure records "failed to open file: 'PATH' (bits FB)", where the digits tell whether the
     /// stream failed and was bad: 10 when the system refused, 00 for an empty path or another way.
@@ -142,7 +146,11 @@ public:
 
     /// Closes and clears the error, as `open` does. Always true.
     bool setFilePath(const std::string& path);
+
+    /// As it was given, also while closed.
     const std::string& getFilePath() const { return mPath; }
+
+    /// From an `open` that succeeds to `close`, whatever fails in between.
     bool isOpen() const { return mIsOpen; }
 
     /// Hands what is buffered to the system. Returns `good()`.
@@ -164,6 +172,8 @@ public:
     /// other `from` moves nothing. A negative target is an error on a writable file; a read-only
     /// one has the position -1 then and reads nothing.
     bool seek(long offset, SeekStart from) override;
+
+    /// As reads, writes and seeks have moved it; 0 while closed.
     long getCurrentPos() const override { return mPosition; }
 
 private:
@@ -192,6 +202,7 @@ public:
 
     unsigned long readBytes(char* dst, unsigned long n) override;
     unsigned long writeBytes(const char* src, unsigned long n) override;
+
     /// Whether the input has no byte left. False for an output.
     bool atEnd() const override;
 
@@ -214,6 +225,7 @@ public:
 
     unsigned long readBytes(char* dst, unsigned long n) override;
     unsigned long writeBytes(const char* src, unsigned long n) override;
+
     /// Always.
     bool atEnd() const override { return true; }
 };
@@ -226,9 +238,13 @@ public:
 
     unsigned long readBytes(char* dst, unsigned long n) override;
     unsigned long writeBytes(const char* src, unsigned long n) override;
+
     /// Always.
     bool atEnd() const override { return true; }
+
+    /// To any position, which is part of the size then. Any other `from` is an error.
     bool seek(long offset, SeekStart from) override;
+
     long getCurrentPos() const override { return static_cast<long>(mPosition); }
 
 private:
@@ -249,11 +265,13 @@ public:
 
     unsigned long readBytes(char* dst, unsigned long n) override;
     unsigned long writeBytes(const char* src, unsigned long n) override;
+
     /// Behind the last byte.
     bool atEnd() const override { return mPosition >= mSize; }
 
     /// A target outside of the bytes is an error and moves to the end that it lies beyond.
     bool seek(long offset, SeekStart from) override;
+
     long getCurrentPos() const override { return static_cast<long>(mPosition); }
 
 private:

@@ -81,12 +81,13 @@ public:
 
     /// Receives finished entries, in order, with their prefixes: one at a time while the log
     /// writes on the caller's thread, whole batches on the log's own thread. Calls never overlap.
-    /// The list may be changed or emptied. A handler may log,
-    /// configure the log and remove itself: what it logs while it runs reaches the other sinks at
-    /// once and the handler in one further batch when it returns; what it logs during that batch
-    /// does not reach the handler again. At the light level it must not throw; at the full level an
-    /// exception is reported and costs the handler the rest of its batch. It must not terminate the
-    /// library.
+    /// The list may be changed or emptied.
+    ///
+    /// A handler may log, configure the log and remove itself: what it logs while it runs reaches
+    /// the other sinks at once and the handler in one further batch when it returns; what it logs
+    /// during that batch does not reach the handler again. At the light level it must not throw; at
+    /// the full level an exception is reported and costs the handler the rest of its batch. It must
+    /// not terminate the library.
     using CustomHandler = void (*)(std::list<LogEntry>& batch, void* userData);
 
     /// Called by `createInstance`; `threadSafe` as by `makeThreadSafe`.
@@ -95,7 +96,7 @@ public:
     kyLog(const kyLog&) = delete;
     kyLog& operator=(const kyLog&) = delete;
 
-    /// `setLogLevel` with a value outside the enumeration is `Normal`.
+    /// `Normal` from the start, and for a value outside the enumeration.
     void setLogLevel(kyLogLevel level);
     kyLogLevel getLogLevel() const;
 
@@ -133,10 +134,10 @@ public:
     /// folders are made, an empty one is the current folder. It is put aside when the next line
     /// would make it larger than `maxFileSizeBytes`, under its name with "_%Y-%m-%d-%H-%M-%S"
     /// (strftime(3), local time) before the extension, and when a line is of a later day, week or
-    /// month than the file, with
-    /// "_%Y-%m-%d", "_%Y-W%U" or "_%Y-%m" of the file's lines. No file is ever overwritten: a mark
-    /// that is taken gets "-1", "-2" and so on. When there are more than `maxFileCount` files, the
-    /// current one included, those of the earliest last line are removed. 0 means no limit.
+    /// month than the file, with "_%Y-%m-%d", "_%Y-W%U" or "_%Y-%m" of the file's lines. No file is
+    /// ever overwritten: a mark that is taken gets "-1", "-2" and so on. When there are more than
+    /// `maxFileCount` files, the current one included, those of the earliest last line are removed.
+    /// 0 means no limit.
     ///
     /// A batch of up to 1 MiB is one write(2) in append mode. When the path names another file
     /// before a batch, renamed by logrotate(8) say, the new one is opened, or made; until that
@@ -145,10 +146,10 @@ public:
     /// to standard error, at most once a minute and when the file is closed. A line torn by a kill
     /// or a full disk stays torn, and the next one begins on a line of its own.
     ///
-    /// False with a reason in `error` when folder or file cannot be made or opened, the name is
-    /// empty, not one name or too long for a mark, the size is below 1024 or above 2^63 - 1, or a
-    /// value is unknown; then entries still reach handler and system log. A pipe needs its reader
-    /// first.
+    /// `options` are bits of `FileOption`. False with a reason in `error`, which may be null, when
+    /// folder or file cannot be made or opened, the name is empty, not one name or too long for a
+    /// mark, the size is below 1024 or above 2^63 - 1, or a value is unknown; then entries still
+    /// reach handler and system log. A pipe needs its reader first.
     bool installFileHandlerExUtf8(const std::string& folderUtf8, const std::string& baseName,
                                   unsigned int options, unsigned int maxFileCount,
                                   unsigned long maxFileSizeBytes, TimeRotationInterval interval,

@@ -59,6 +59,7 @@ public:
     /// Nothing more will be sent: sending has failed. What is pending stays.
     bool isWriteChannelClosed() const;
     bool hasWriteFailed() const;
+    /// What was appended and is not yet sent, in bytes.
     bool hasPendingWrite() const { return getPendingWriteSize() > 0; }
     std::size_t getPendingWriteSize() const;
 

@@ -52,12 +52,13 @@ public:
     /// without "#!" is run by /bin/sh.
     ///
     /// False when a process of this object is running, or when the system refuses one or has no
-    /// memory for what is passed; else true,
-    /// also when there is no such program: that is told by `hasFailedToStart`. Returns 10 ms after
-    /// the call, or earlier when the child has ended by then, or later when loading took longer.
-    /// A child that ends by SIGUSR1 in that time counts as a failed start, and a program that turns
-    /// out later than that to be missing as one that crashed by it, exit code 10; time in which it
-    /// only lacked a processor does not count for that.
+    /// memory for what is passed; else true, also when there is no such program: that is told by
+    /// `hasFailedToStart`.
+    ///
+    /// Returns 10 ms after the call, or earlier when the child has ended by then, or later when
+    /// loading took longer. A child that ends by SIGUSR1 in that time counts as a failed start, and
+    /// a program that turns out later than that to be missing as one that crashed by it, exit code
+    /// 10; time in which it only lacked a processor does not count for that.
     ///
     /// When the working directory cannot be entered, a WARNING is logged and the program runs in
     /// the one of this process.
@@ -67,6 +68,7 @@ public:
     /// For the next start; a relative one is against the current folder of that moment, "" is that
     /// folder. False, and no change, while the process is running.
     bool setWorkingDirectory(const std::string& dir);
+    /// As it was set.
     const std::string& getWorkingDirectoryUtf8() const;
 
     /// What was given to the start, without the changes of `resolveProgram`.

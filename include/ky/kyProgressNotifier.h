@@ -104,19 +104,25 @@ public:
     /// Asks the flag that `cancel()` sets, the external flag and the external source, in this
     /// order; the first yes ends it.
     bool shouldCancel() const override;
+
     void cancel() override;
     void setInternalCancelFlag(bool flag) override;
+
+    /// Take the place of what the constructor was given, null for none. While nobody asks.
     void setExternalCancelFlag(const bool* flag);
     void setExternalCancelInterface(const kyCancelInterfaceReadOnly* source);
 
     /// Reports 0, always, and takes back what `cancel()` set only then.
     void resetNotifier() override;
+
     void beginStepGroupWeights(const std::vector<double>& weights,
                                double firstStepMaxProgress = 1.0,
                                kyProgressNotifierGroupCloser* closer = nullptr) override;
+
     /// Closing the outermost group too completes the whole: it stands at 1 then, and nothing but
     /// opening a group or a reset moves it.
     void endStepGroup() override;
+
     void changeCurrentStep(double maxProgress, unsigned long stepIndex) override;
     void setCurrentStepMaxProgress(double maxProgress) override;
     void getCurrentStepProgress(double& progress, double& maxProgress) override;
@@ -214,7 +220,7 @@ private:
 /// proxy.
 class KY_API kyProgressNotifierThreadSafeProxy : public kyProgressNotifierInterface {
 public:
-    /// `target` must not be null. Before full initialisation the mutex logs its early-creation
+    /// `target`, borrowed, must not be null. Before full initialisation the mutex logs its early-creation
     /// warning; the proxy works anyway.
     explicit kyProgressNotifierThreadSafeProxy(kyProgressNotifierInterface* target);
     ~kyProgressNotifierThreadSafeProxy() override;

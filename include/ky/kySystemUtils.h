@@ -61,6 +61,8 @@ public:
     /// Called by the lifecycle: takes the time zone from the environment (tzset(3)), so that it is
     /// in force from the first time text on.
     static void InitializeSystemUtils();
+
+    /// Called by the lifecycle. Does nothing on this platform.
     static void TerminateSystemUtils();
 };
 
