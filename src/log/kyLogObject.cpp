@@ -1,4 +1,5 @@
-#include "ky/kyLog.h"
+#include "ky/kyLogObject.h"
+
 #include "ky/kySystemUtils.h"
 
 #include "frame/LogLine.h"
