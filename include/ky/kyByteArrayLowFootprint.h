@@ -35,6 +35,8 @@ public:
         if (isFilled())
             freeBlock();
     }
+
+    /// As the constructors.
     kyByteArrayLowFootprint& operator=(const kyByteArrayLowFootprint& other);
     kyByteArrayLowFootprint& operator=(kyByteArrayLowFootprint&& other) noexcept;
 
