@@ -19,8 +19,9 @@ class kyCancelIfParentProcessDiedImpl;
 /// that of a parent in another process-id namespace, which this process cannot see. A wall clock
 /// that is set back puts the next look off by as much (`kyWaitCondition`).
 ///
-/// For the full level of the library: before it, each object logs early-creation lines and logs
-/// from its thread. In a forked child an inherited object watches no more; make a new one there.
+/// For the full level of the library: before it, thread, mutex and condition of each object log a
+/// CRITICAL line, and the object logs from its thread. In a forked child an inherited object
+/// watches no more; make a new one there.
 class KY_API kyCancelIfParentProcessDied : public kyCancelInterfaceReadOnly {
 public:
     /// `externalCancel`, which may be null, is borrowed as long as the object lives. Throws

@@ -36,7 +36,7 @@ public:
     /// Before full initialisation it logs one CRITICAL line; the mutex works anyway.
     kyMutex();
 
-    /// Logs the fork warning in a forked child.
+    /// Logs the fork warning in a forked child (`CheckIfProcessForkAfterThreadSafeInit`).
     virtual ~kyMutex();
     kyMutex(const kyMutex&) = delete;
     kyMutex& operator=(const kyMutex&) = delete;
@@ -107,7 +107,7 @@ public:
 
     /// Removes the file, under other objects that merely have it open too, and unlocks. While
     /// another object holds the lock the file stays, for that one to remove. Logs the fork warning
-    /// in a forked child.
+    /// as `kyMutex` does.
     ~kyMutexSystem();
     kyMutexSystem(const kyMutexSystem&) = delete;
     kyMutexSystem& operator=(const kyMutexSystem&) = delete;

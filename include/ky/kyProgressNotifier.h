@@ -220,8 +220,8 @@ private:
 /// proxy.
 class KY_API kyProgressNotifierThreadSafeProxy : public kyProgressNotifierInterface {
 public:
-    /// `target`, borrowed, must not be null. Before full initialisation the mutex logs its
-    /// early-creation warning; the proxy works anyway.
+    /// `target`, borrowed, must not be null. Before full initialisation the mutex logs one CRITICAL
+    /// line; the proxy works anyway.
     explicit kyProgressNotifierThreadSafeProxy(kyProgressNotifierInterface* target);
     ~kyProgressNotifierThreadSafeProxy() override;
     kyProgressNotifierThreadSafeProxy(const kyProgressNotifierThreadSafeProxy&) = delete;

@@ -15,7 +15,7 @@ namespace ky {
 class KY_API kySemaphore {
 public:
     /// Starts with `initial` resources. Before full initialisation the mutex and the wait
-    /// condition inside each log their early-creation warning; the semaphore works anyway.
+    /// condition inside each log one CRITICAL line; the semaphore works anyway.
     explicit kySemaphore(unsigned int initial);
     kySemaphore(const kySemaphore&) = delete;
     kySemaphore& operator=(const kySemaphore&) = delete;

@@ -8,7 +8,7 @@
 
 namespace ky {
 
-/// How much of the library to bring up.
+/// How much of the library to bring up: the light level or the full one.
 enum class InitType : int {
     /// The log, unprotected, and the system and string utilities: for one thread.
     Light = 1,
@@ -34,12 +34,13 @@ KY_API void initializeKySystem(InitType type, bool lookupMainHddDevice);
 /// that the next `initializeKySystem` is no first use and does no light steps.
 KY_API void terminateKySystem();
 
-/// Whether the library is up at the full level. Runs the fork check first, so in a forked child
-/// every call logs. Any thread.
+/// Whether the library is up at the full level. Calls the function below first, so in a forked
+/// child every call logs. Any thread.
 KY_API bool IsKySystemThreadSafe();
 
-/// Logs one CRITICAL line, with the system-log name "kySystem", when this process was forked from
-/// the one that initialised the library at the full level. Silent without a log. Any thread.
+/// Logs the fork warning, one CRITICAL line with the system-log name "kySystem", when this process
+/// was forked from the one that initialised the library at the full level. Silent without a log.
+/// Any thread.
 KY_API void CheckIfProcessForkAfterThreadSafeInit();
 
 namespace impl {

@@ -39,7 +39,7 @@ public:
     kyThread();
 
     /// Waits without limit for the thread to end, or leaves it alone when it is the calling one.
-    /// Logs the fork warning in a forked child.
+    /// Logs the fork warning in a forked child (`CheckIfProcessForkAfterThreadSafeInit`).
     virtual ~kyThread();
     kyThread(const kyThread&) = delete;
     kyThread& operator=(const kyThread&) = delete;

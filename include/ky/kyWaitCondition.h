@@ -17,7 +17,7 @@ public:
     /// Before full initialisation it logs one CRITICAL line; the condition works anyway.
     kyWaitCondition();
 
-    /// Logs the fork warning in a forked child.
+    /// Logs the fork warning in a forked child (`CheckIfProcessForkAfterThreadSafeInit`).
     virtual ~kyWaitCondition();
     kyWaitCondition(const kyWaitCondition&) = delete;
     kyWaitCondition& operator=(const kyWaitCondition&) = delete;
