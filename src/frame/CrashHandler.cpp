@@ -1,5 +1,6 @@
 #include "frame/CrashHandler.h"
 
+#include "frame/CancelBan.h"
 #include "frame/CrashLine.h"
 #include "frame/CrashTrace.h"
 #include "frame/Guard.h"
@@ -175,12 +176,10 @@ public:
     explicit HandlerScope(Crash& crash) noexcept : mCrash(crash), mErrno(errno)
     {
         tCurrent = &crash;
-        ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &mCancelState);
     }
     ~HandlerScope()
     {
         DisarmAlarm(mCrash);
-        ::pthread_setcancelstate(mCancelState, nullptr);
         tCurrent = nullptr;
         errno = mErrno;
     }
@@ -190,7 +189,7 @@ public:
 private:
     Crash& mCrash;
     const int mErrno;
-    int mCancelState = PTHREAD_CANCEL_ENABLE;
+    const CancelBan mBan;
 };
 
 /// kept: allocates and locks, and so may hang or fault where the crash has left a lock or damaged

@@ -2,6 +2,7 @@
 
 #include "ky/kyException.h"
 
+#include "frame/CancelBan.h"
 #include "frame/Report.h"
 
 #include <exception>
@@ -9,7 +10,6 @@
 #include <string_view>
 
 #include <cxxabi.h>
-#include <pthread.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -49,23 +49,11 @@ private:
     const int mExceptionsAtEntry;
 };
 
-/// A thread must not be cancelled while it handles an exception: unwinding it from there ends the
-/// process.
-class CancelBan {
-public:
-    CancelBan() noexcept { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &mState); }
-    ~CancelBan() { ::pthread_setcancelstate(mState, nullptr); }
-    CancelBan(const CancelBan&) = delete;
-    CancelBan& operator=(const CancelBan&) = delete;
-
-private:
-    int mState = PTHREAD_CANCEL_ENABLE;
-};
-
 /// Without the memory for a log line the report still appears on standard error.
 void ReportCaught(std::string_view before, std::string_view text, std::string_view after) noexcept
 {
-    const CancelBan ban;
+    // Unwinding a cancelled thread out of a handler of exceptions ends the process.
+    const impl::CancelBan ban;
     try {
         std::string line;
         line.append(before).append(text).append(after);

@@ -3,6 +3,7 @@
 #include "ky/kyDirUtils.h"
 #include "ky/kyLog.h"
 
+#include "frame/CancelBan.h"
 #include "process/Environment.h"
 #include "process/Launch.h"
 #include "process/ProcessRecord.h"
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <new>
 
-#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -27,18 +27,6 @@ using std::chrono::nanoseconds;
 
 /// How long a start looks at its child.
 constexpr std::chrono::milliseconds sGracePeriod(10);
-
-/// A thread that was cancelled between the birth of a child and its record would lose it.
-class CancellationDisabled {
-public:
-    CancellationDisabled() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &mBefore); }
-    ~CancellationDisabled() { ::pthread_setcancelstate(mBefore, nullptr); }
-    CancellationDisabled(const CancellationDisabled&) = delete;
-    CancellationDisabled& operator=(const CancellationDisabled&) = delete;
-
-private:
-    int mBefore = PTHREAD_CANCEL_ENABLE;
-};
 
 int NiceValue(kyProcess::ProcessPriority priority)
 {
@@ -94,7 +82,8 @@ bool kyProcess::start(const std::string& program, const std::vector<std::string>
 {
     if (getState() == Running)
         return false;
-    const CancellationDisabled cancellationDisabled;
+    // A thread that was cancelled between the birth of a child and its record would lose it.
+    const impl::CancelBan ban;
     mRecord->restart(Finished);
     bool isDirectoryMissing = false;
     try {
