@@ -1,6 +1,6 @@
 #include "frame/LogLine.h"
 
-#include "frame/ProcessId.h"
+#include "frame/Report.h"
 #include "frame/TimeText.h"
 #include "fs/ScopedHandles.h"
 
@@ -66,9 +66,9 @@ private:
 
 int Priority(int level)
 {
-    constexpr int warning = 4;
-    constexpr int critical = 5;
-    return level == warning ? LOG_WARNING : level == critical ? LOG_CRIT : LOG_INFO;
+    if (level == ReportLevel::Warning)
+        return LOG_WARNING;
+    return level == ReportLevel::Critical ? LOG_CRIT : LOG_INFO;
 }
 
 /// What syslog(3) would send, over a socket of our own. Whether there was room for it.

@@ -25,11 +25,6 @@ namespace {
 
 constexpr unsigned long sReportPeriodMs = 60000;
 
-long NowSeconds()
-{
-    return static_cast<long>(kySystemUtils::GetMSecElapsedSinceEpoch() / 1000);
-}
-
 /// Writes `head` and the pieces behind it from byte `done` on, with one call unless that is a short
 /// one. Returns how many bytes are written in all; `error` is 0 when that is everything.
 std::size_t WriteFrom(std::size_t done, int fd, std::string_view head,
@@ -186,7 +181,8 @@ void LogFile::makeHead()
     state.tellsLoss = state.lost != 0;
     if (!state.tellsLoss)
         return;
-    AppendLogPrefix(state.head, kyLog::Warning, {}, {}, LogTime(NowSeconds()));
+    AppendLogPrefix(state.head, kyLog::Warning, {}, {},
+                    LogTime(kySystemUtils::GetSecElapsedSinceEpoch()));
     state.head.append("Log file '" + mSettings.pathUtf8 + "' lost " + std::to_string(state.lost) +
                       " lines\n");
 }
@@ -232,7 +228,8 @@ bool LogFile::reportTrouble(const std::string& what, int error)
         return false;
     state.reportedMs = now;
     std::string line;
-    AppendLogPrefix(line, kyLog::Critical, {}, {}, LogTime(NowSeconds()));
+    AppendLogPrefix(line, kyLog::Critical, {}, {},
+                    LogTime(kySystemUtils::GetSecElapsedSinceEpoch()));
     line.append(what + " error was : " + SystemError(error).toString());
     WriteLine(std::cerr, line);
     return true;

@@ -5,6 +5,7 @@
 #include "frame/TimeText.h"
 #include "fs/ScopedHandles.h"
 #include "log/LogFileState.h"
+#include "text/Ascii.h"
 #include "text/LocalPath.h"
 
 #include <algorithm>
@@ -24,7 +25,6 @@ namespace {
 
 using Interval = kyLog::TimeRotationInterval;
 
-constexpr long sDaySeconds = 86400;
 constexpr int sDaysOfAnyPeriod = 33;
 
 struct Name {
@@ -46,15 +46,15 @@ Name Split(const std::string& path)
 /// themselves.
 bool Consume(std::string_view& text, std::string_view pattern)
 {
-    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
     std::string_view rest = text;
     for (const char expected : pattern) {
         const bool isNumber = expected == '0' || expected == '#';
-        if (rest.empty() || !(isNumber ? isDigit(rest.front()) : rest.front() == expected))
+        if (rest.empty() ||
+            !(isNumber ? impl::IsAsciiDigit(rest.front()) : rest.front() == expected))
             return false;
         do
             rest.remove_prefix(1);
-        while (expected == '#' && !rest.empty() && isDigit(rest.front()));
+        while (expected == '#' && !rest.empty() && impl::IsAsciiDigit(rest.front()));
     }
     text = rest;
     return true;
@@ -126,7 +126,7 @@ long impl::EndOfPeriod(long seconds, Interval interval)
     long inside = seconds;
     long outside = seconds;
     for (int day = 0; day < sDaysOfAnyPeriod && !mark.empty(); ++day) {
-        outside += sDaySeconds;
+        outside += LogPeriod::sDaySeconds;
         if (TimeRotationMark(outside, interval) != mark)
             break;
         inside = outside;

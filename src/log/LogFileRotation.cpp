@@ -116,7 +116,7 @@ void LogFile::keepTime() const
     const State& state = *mState;
     if (mSettings.interval == Interval::None || !state.isRegular)
         return;
-    const auto now = static_cast<long>(kySystemUtils::GetMSecElapsedSinceEpoch() / 1000);
+    const long now = kySystemUtils::GetSecElapsedSinceEpoch();
     if (now < state.period.end && state.lastSeconds < now + LogPeriod::sDaySeconds)
         return;
     const std::timespec times[2] = {{0, UTIME_OMIT}, {state.lastSeconds, 0}};

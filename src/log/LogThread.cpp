@@ -1,16 +1,14 @@
 #include "log/LogThread.h"
 
 #include "ky/kyException.h"
-#include "ky/kySystemUtils.h"
 
 #include "frame/Guard.h"
 #include "log/LogWriter.h"
+#include "log/Patience.h"
 #include "text/Charset.h"
 
 #include <limits>
 #include <utility>
-
-#include <ctime>
 
 namespace ky {
 namespace {
@@ -19,24 +17,6 @@ constexpr std::size_t sMaxQueuedBytes = 16777216;
 constexpr std::size_t sIdleChunks = 16;
 
 constinit thread_local const kyLogThread* tCurrent = nullptr;
-
-void Nap(long microseconds)
-{
-    const std::timespec time{0, microseconds * 1000};
-    ::nanosleep(&time, nullptr);
-}
-
-/// The time left of a patience, on the monotonic clock: the wall clock may jump.
-class Patience {
-public:
-    explicit Patience(unsigned long ms) : mMs(ms), mSince(kySystemUtils::GetTimeBaseMs()) {}
-    bool isOver() const { return kySystemUtils::GetTimeBaseMs() - mSince >= mMs; }
-    void renew() { mSince = kySystemUtils::GetTimeBaseMs(); }
-
-private:
-    const unsigned long mMs;
-    unsigned long mSince;
-};
 
 }  // namespace
 
@@ -57,7 +37,7 @@ kyLogThread::~kyLogThread()
     }
     waitThread(std::numeric_limits<int>::max());
     // Producers that waited for the last entries still have to leave.
-    for (;; Nap(200)) {
+    for (;; impl::Nap()) {
         const kyMutexLocker lock(mMutex, true);
         if (mWaiters == 0)
             return;
@@ -250,7 +230,7 @@ void kyLogThread::waitForWork(kyMutexLocker& lock)
     // producers were not slowed down by waking a thread for every line.
     constexpr long gatherMicroseconds = 100;
     lock.unlock();
-    Nap(gatherMicroseconds);
+    impl::Nap(gatherMicroseconds);
     lock.lock();
 }
 
@@ -293,18 +273,18 @@ void kyLogThread::writeRound(kyMutexLocker& lock)
         mFlushed.wakeAll();
     while (mPauseRequested.load(std::memory_order_relaxed)) {
         lock.unlock();
-        Nap(200);
+        impl::Nap();
         lock.lock();
     }
 }
 
 bool kyLogThread::lockWithin(unsigned long patienceMs)
 {
-    const Patience patience(patienceMs);
+    const impl::Patience patience(patienceMs);
     while (!mMutex.tryLock()) {
         if (patience.isOver())
             return false;
-        Nap(200);
+        impl::Nap();
     }
     return true;
 }
@@ -330,7 +310,7 @@ bool kyLogThread::flushWhileItGoesOn(unsigned long patienceMs)
 template <typename Condition>
 bool kyLogThread::lockWhen(unsigned long patienceMs, Condition condition)
 {
-    Patience patience(patienceMs);
+    impl::Patience patience(patienceMs);
     unsigned long progress = impl::WriterProgress();
     while (lockWithin(patienceMs)) {
         if (condition())
@@ -340,7 +320,7 @@ bool kyLogThread::lockWhen(unsigned long patienceMs, Condition condition)
             patience.renew();
         if (patience.isOver())
             return false;
-        Nap(200);
+        impl::Nap();
     }
     return false;
 }

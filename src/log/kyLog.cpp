@@ -10,6 +10,7 @@
 #include "log/LogParameters.h"
 #include "log/LogThread.h"
 #include "log/LogWriter.h"
+#include "log/Patience.h"
 #include "text/Ascii.h"
 #include "thread/LaunchMask.h"
 
@@ -20,7 +21,6 @@
 #include <pthread.h>
 #include <syslog.h>
 #include <cstdlib>
-#include <ctime>
 
 namespace ky {
 namespace {
@@ -49,11 +49,7 @@ void ReportThroughLog(int level, const char* systemLogName, std::string_view tex
 
 std::string Stripped(std::string_view text)
 {
-    while (!text.empty() && impl::IsAsciiSpace(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && impl::IsAsciiSpace(text.back()))
-        text.remove_suffix(1);
-    return std::string(text);
+    return std::string(impl::TrimAsciiSpace(text));
 }
 
 /// The names between separators. Two separators in a row, as in "net, disk", name nothing: an
@@ -69,6 +65,24 @@ std::vector<std::string> SplitSubTypes(std::string_view text)
         text.remove_prefix(std::min(end + 1, text.size()));
     }
     return names;
+}
+
+/// The lines of a crash report as entries, all of the same moment.
+std::list<kyLog::LogEntry> CrashEntries(std::string_view lines, bool withThreadId)
+{
+    kyLog::LogEntry entry;
+    entry.level = kyLog::Critical;
+    entry.systemLogName = "kySystem";
+    entry.timeMs = static_cast<unsigned long>(kySystemUtils::GetMSecElapsedSinceEpoch());
+    if (withThreadId)
+        entry.threadId = impl::CurrentThreadIdText();
+    entry.computeLogPrefix(true);
+    std::list<kyLog::LogEntry> entries;
+    while (!lines.empty()) {
+        entry.message = impl::TakeCrashLine(lines);
+        entries.push_back(entry);
+    }
+    return entries;
 }
 
 }  // namespace
@@ -215,18 +229,8 @@ void kyLog::ReportFromCrash(std::string_view lines)
 
 void kyLog::writeFromCrash(std::string_view lines)
 {
-    std::list<LogEntry> batch;
-    LogEntry entry;
-    entry.level = Critical;
-    entry.systemLogName = "kySystem";
-    entry.timeMs = static_cast<unsigned long>(kySystemUtils::GetMSecElapsedSinceEpoch());
-    if (mEnabled[Debug].load(std::memory_order_relaxed))
-        entry.threadId = impl::CurrentThreadIdText();
-    entry.computeLogPrefix(true);
-    while (!lines.empty()) {
-        entry.message = impl::TakeCrashLine(lines);
-        batch.push_back(entry);
-    }
+    std::list<LogEntry> batch =
+        CrashEntries(lines, mEnabled[Debug].load(std::memory_order_relaxed));
     const std::list<LogEntry> copies = batch;
     // First, so that little time is left for others to log after the queue has been written: what
     // they log then dies with the process.
@@ -255,12 +259,11 @@ void kyLog::writeFromCrash(std::string_view lines)
 /// Where the log writes on the caller's thread. False when another thread does so for too long.
 bool kyLog::writeHereFromCrash(std::list<LogEntry>& batch)
 {
-    const unsigned long since = kySystemUtils::GetTimeBaseMs();
+    const impl::Patience patience(sPatienceMs);
     while (!ChildLock::TryTake()) {
-        if (kySystemUtils::GetTimeBaseMs() - since > sPatienceMs)
+        if (patience.isOver())
             return false;
-        const std::timespec nap{0, 200000};
-        ::nanosleep(&nap, nullptr);
+        impl::Nap();
     }
     WriteImpl(*mParameters, batch);
     impl::FinishInterruptedBatch();

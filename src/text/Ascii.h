@@ -15,6 +15,16 @@ constexpr bool IsAsciiSpace(char c) noexcept
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
+/// Without the white space at both ends.
+constexpr std::string_view TrimAsciiSpace(std::string_view text) noexcept
+{
+    while (!text.empty() && IsAsciiSpace(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && IsAsciiSpace(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
+
 constexpr bool IsAsciiDigit(char c) noexcept
 {
     return c >= '0' && c <= '9';

@@ -12,14 +12,7 @@ namespace {
 
 using kyVariantMapImpl = kyVariant::kyVariantMapImpl;
 
-std::string_view Trim(std::string_view text)
-{
-    while (!text.empty() && impl::IsAsciiSpace(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && impl::IsAsciiSpace(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
+using impl::TrimAsciiSpace;
 
 std::string Unquoted(std::string_view quoted)
 {
@@ -52,7 +45,8 @@ public:
                 static_cast<char*>(std::memchr(begin, '\n', static_cast<std::size_t>(end - begin)));
             lineEnd = lineEnd != nullptr ? lineEnd : end;
             ++mLineNumber;
-            if (!readLine(Trim({begin, static_cast<std::size_t>(lineEnd - begin)}), problem))
+            if (!readLine(TrimAsciiSpace({begin, static_cast<std::size_t>(lineEnd - begin)}),
+                          problem))
                 return false;
             begin = lineEnd != end ? lineEnd + 1 : end;
         }
@@ -65,7 +59,7 @@ private:
         if (line.empty() || line.front() == ';')
             return true;
         if (line.front() == '[' && line.back() == ']') {
-            beginSection(Trim(line.substr(1, line.size() - 2)));
+            beginSection(TrimAsciiSpace(line.substr(1, line.size() - 2)));
             return true;
         }
         const std::size_t equals = line.find('=');
@@ -74,7 +68,8 @@ private:
             problem.append(line) += " in Ini file";
             return false;
         }
-        return readKey(Trim(line.substr(0, equals)), Trim(line.substr(equals + 1)), problem);
+        return readKey(TrimAsciiSpace(line.substr(0, equals)),
+                       TrimAsciiSpace(line.substr(equals + 1)), problem);
     }
 
     /// A section without keys leaves no map, so that is made for the first key.
