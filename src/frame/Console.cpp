@@ -24,7 +24,8 @@ public:
     WritingMark& operator=(const WritingMark&) = delete;
 };
 
-void WriteAll(int fd, std::string_view text)
+/// Waits for a slow reader.
+void WriteWaiting(int fd, std::string_view text)
 {
     while (!text.empty()) {
         const ssize_t written = RetryOnEintr([&] { return ::write(fd, text.data(), text.size()); });
@@ -72,7 +73,7 @@ void Write(std::ostream& stream, std::string_view text)
         return WriteThroughStream(stream, text);
     std::FILE* const file = standard->file();
     static_cast<void>(std::fflush(file));
-    WriteAll(::fileno(file), text);
+    WriteWaiting(::fileno(file), text);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
-#include "ky/SystemError.h"
 #include "ky/kyDirUtils.h"
 
 #include "frame/Fail.h"
+#include "fs/FailToRemove.h"
 #include "fs/MakePath.h"
 #include "fs/SameFile.h"
 #include "fs/ScopedHandles.h"
@@ -108,11 +108,7 @@ bool kyDirUtils::RemoveFileUtf8(const std::string& path, std::string* error)
         error->clear();
     if (path.empty() || std::remove(impl::ToLocalPath(path).c_str()) == 0)
         return true;
-    const int errorNumber = errno;
-    if (error != nullptr)
-        *error = "remove error " + SystemError(errorNumber).toString() + " for '" + path + "'";
-    errno = errorNumber;
-    return false;
+    return impl::FailToRemove(error, path, errno);
 }
 
 }  // namespace ky

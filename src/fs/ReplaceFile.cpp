@@ -22,6 +22,7 @@ namespace {
 
 using impl::RetryOnEintr;
 using impl::ScopedFd;
+using impl::WriteAll;
 
 constexpr const char* sOpenFailure = "Fail to open ";
 constexpr const char* sWriteFailure = "Fail to write ";
@@ -151,18 +152,6 @@ bool MakeAlike(int fd, int original)
     // The mode last: a change of owner clears bits of it.
     return (hasOwner || ::fchown(fd, wanted.st_uid, wanted.st_gid) == 0) &&
            CopyAttributes(original, fd) && ::fchmod(fd, wanted.st_mode & ALLPERMS) == 0;
-}
-
-bool WriteAll(int fd, std::string_view content)
-{
-    while (!content.empty()) {
-        const ssize_t written =
-            RetryOnEintr([&] { return ::write(fd, content.data(), content.size()); });
-        if (written == -1)
-            return false;
-        content.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
 }
 
 /// A late error of writing comes here at the latest. Pipes and the like cannot be flushed.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include <dirent.h>
@@ -20,6 +21,19 @@ auto RetryOnEintr(Call call)
     while (result == -1 && errno == EINTR)
         result = call();
     return result;
+}
+
+/// False with `errno` after a failure, and then a part may be written.
+inline bool WriteAll(int fd, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t written =
+            RetryOnEintr([&] { return ::write(fd, bytes.data(), bytes.size()); });
+        if (written == -1)
+            return false;
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
 }
 
 /// Owns a file descriptor, or none. Leaves `errno` as it was, so that it can be made from the

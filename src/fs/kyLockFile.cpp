@@ -6,6 +6,7 @@
 #include "ky/kyThread.h"
 
 #include "frame/Fail.h"
+#include "fs/FailToRemove.h"
 #include "fs/SameFile.h"
 #include "fs/ScopedHandles.h"
 #include "text/LocalPath.h"
@@ -38,15 +39,6 @@ bool LockRemoval(std::FILE* stream, short type)
     whole.l_whence = SEEK_SET;
     return ::fcntl(::fileno(stream), F_OFD_SETLK, &whole) == 0 ||
            (errno != EAGAIN && errno != EACCES);
-}
-
-/// As removing does what is not there, but without trying to: somebody may make it meanwhile.
-bool FailToRemove(std::string* error, const std::string& path, int errorNumber)
-{
-    if (error != nullptr)
-        *error = "remove error " + SystemError(errorNumber).toString() + " for '" + path + "'";
-    errno = errorNumber;
-    return false;
 }
 
 void Add(std::string* error, const std::string& text)
@@ -155,7 +147,8 @@ bool kyLockFile::removeOwnFile(std::string* error) const
     if (impl::IsAtPath(::fileno(mStream.get()), localPath, 0))
         isDone = kyDirUtils::RemoveFileUtf8(mPathUtf8, error);
     else if (::lstat(localPath.c_str(), &present) != 0)
-        isDone = FailToRemove(error, mPathUtf8, errno);
+        // Without trying to: somebody may make it meanwhile.
+        isDone = impl::FailToRemove(error, mPathUtf8, errno);
     const int removeErrno = errno;
     LockRemoval(mStream.get(), F_UNLCK);
     errno = removeErrno;

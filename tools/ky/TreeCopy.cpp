@@ -43,23 +43,6 @@ bool IsAllZero(const char* data, std::size_t size)
     return data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0;
 }
 
-int SkipTo(int fd, off_t place)
-{
-    return ::lseek(fd, place, SEEK_SET) == -1 ? errno : 0;
-}
-
-int WriteAll(int fd, const char* data, std::size_t size)
-{
-    while (size > 0) {
-        const ssize_t written = impl::RetryOnEintr([&] { return ::write(fd, data, size); });
-        if (written == -1)
-            return errno;
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return 0;
-}
-
 }  // namespace
 
 double CopyCost(const struct ::stat& status)
@@ -148,11 +131,11 @@ int TreeCopy::copyPieces(int source, int destination)
         const auto size = static_cast<std::size_t>(result);
         total += result;
         // What is nothing but zeros becomes a hole, as it mostly was one.
-        const int error = IsAllZero(mBuffer.data(), size)
-                              ? SkipTo(destination, total)
-                              : WriteAll(destination, mBuffer.data(), size);
-        if (error != 0)
-            return error;
+        const bool isDone = IsAllZero(mBuffer.data(), size)
+                                ? ::lseek(destination, total, SEEK_SET) != -1
+                                : impl::WriteAll(destination, {mBuffer.data(), size});
+        if (!isDone)
+            return errno;
         add(static_cast<double>(size));
     }
     return ECANCELED;
