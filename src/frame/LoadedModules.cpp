@@ -54,6 +54,37 @@ bool IsOurKind(const Elf64_Ehdr& header) noexcept
            (header.e_type == ET_DYN || header.e_type == ET_EXEC);
 }
 
+/// What the program headers of a module say of its memory. Addresses count from where the link
+/// editor has put the first byte.
+struct Segments {
+    std::uintptr_t first = std::numeric_limits<std::uintptr_t>::max();
+    std::uintptr_t last = 0;
+    std::uintptr_t code = 0;  // 0 for none
+    std::array<Elf64_Phdr, 4> notes;
+    std::size_t noteCount = 0;
+};
+
+/// False where the headers are not there, or make no sense.
+bool ReadSegments(std::uintptr_t headers, unsigned int headerCount, Segments& segments) noexcept
+{
+    for (unsigned int i = 0; i < headerCount; ++i) {
+        Elf64_Phdr segment;
+        if (!CopyMemory(headers + i * sizeof segment, segment))
+            return false;
+        if (segment.p_type == PT_NOTE && segments.noteCount < segments.notes.size())
+            segments.notes[segments.noteCount++] = segment;
+        if (segment.p_type != PT_LOAD)
+            continue;
+        if (segment.p_offset < sPageBytes)
+            segments.first =
+                std::min(segments.first, (segment.p_vaddr - segment.p_offset) & ~(sPageBytes - 1));
+        segments.last = std::max(segments.last, segment.p_vaddr + segment.p_memsz);
+        if ((segment.p_flags & PF_X) != 0 && segments.code == 0)
+            segments.code = segment.p_vaddr;
+    }
+    return segments.first <= segments.last && segments.code >= segments.first;
+}
+
 }  // namespace
 
 ModuleWalk::ModuleWalk() noexcept : mFile(::open("/proc/self/maps", O_RDONLY | O_CLOEXEC)) {}
@@ -142,38 +173,16 @@ bool ModuleWalk::look(const Mapping& mapping) noexcept
     return mapping.isExecutable && mCode >= mapping.begin && mCode < mapping.end;
 }
 
-/// Looks at the segments of the module that begins at `begin`.
+/// The line of the module that begins at `begin`, where its code is, and where it ends.
 void ModuleWalk::compose(std::uintptr_t begin, std::uintptr_t headers, unsigned int headerCount,
                          std::string_view path) noexcept
 {
-    // Addresses in the headers count from where the link editor has put the first byte.
-    std::uintptr_t first = std::numeric_limits<std::uintptr_t>::max();
-    std::uintptr_t last = 0;
-    std::uintptr_t code = 0;
-    std::uintptr_t notes[4] = {};
-    std::size_t notesBytes[std::size(notes)] = {};
-    std::size_t noteCount = 0;
-    for (unsigned int i = 0; i < headerCount; ++i) {
-        Elf64_Phdr segment;
-        if (!CopyMemory(headers + i * sizeof segment, segment))
-            return;
-        if (segment.p_type == PT_NOTE && noteCount < std::size(notes)) {
-            notes[noteCount] = segment.p_vaddr;
-            notesBytes[noteCount++] = segment.p_memsz;
-        }
-        if (segment.p_type != PT_LOAD)
-            continue;
-        if (segment.p_offset < sPageBytes)
-            first = std::min(first, (segment.p_vaddr - segment.p_offset) & ~(sPageBytes - 1));
-        last = std::max(last, segment.p_vaddr + segment.p_memsz);
-        if ((segment.p_flags & PF_X) != 0 && code == 0)
-            code = segment.p_vaddr;
-    }
-    if (first > last || code < first)
+    Segments segments;
+    if (!ReadSegments(headers, headerCount, segments))
         return;
-    const std::uintptr_t bias = begin - first;
-    mCode = bias + code;
-    mModuleEnd = bias + last;
+    const std::uintptr_t bias = begin - segments.first;
+    mCode = bias + segments.code;
+    mModuleEnd = bias + segments.last;
     mLineSize = 0;
     append("Module 0x");
     appendHex(begin);
@@ -181,8 +190,8 @@ void ModuleWalk::compose(std::uintptr_t begin, std::uintptr_t headers, unsigned 
     appendHex(mModuleEnd);
     append(" build-id ");
     const std::size_t before = mLineSize;
-    for (std::size_t i = 0; i < noteCount && mLineSize == before; ++i)
-        appendBuildId(bias + notes[i], notesBytes[i]);
+    for (std::size_t i = 0; i < segments.noteCount && mLineSize == before; ++i)
+        appendBuildId(bias + segments.notes[i].p_vaddr, segments.notes[i].p_memsz);
     if (mLineSize == before)
         append("none");
     append(" ");

@@ -48,7 +48,7 @@ private:
     bool nextLine(std::string_view& line) noexcept;
     bool refill() noexcept;
     bool look(const Mapping& mapping) noexcept;
-    void compose(std::uintptr_t bias, std::uintptr_t headers, unsigned int headerCount,
+    void compose(std::uintptr_t begin, std::uintptr_t headers, unsigned int headerCount,
                  std::string_view path) noexcept;
     void append(std::string_view text) noexcept;
     void appendHex(std::uintptr_t number) noexcept;
