@@ -1,5 +1,7 @@
 #include "ky/kyProcess.h"
 
+#include "ky/kyDirUtils.h"
+
 #include "process/ProcessRecord.h"
 #include "text/LocalPath.h"
 
@@ -56,12 +58,6 @@ std::string TakeFirst(std::vector<std::string>& words)
     return first;
 }
 
-std::string CurrentFolder()
-{
-    char buffer[PATH_MAX];
-    return ::getcwd(buffer, sizeof(buffer)) != nullptr ? impl::ToUtf8Path(buffer) : "";
-}
-
 std::string RunningProgram()
 {
     char buffer[PATH_MAX];
@@ -86,7 +82,7 @@ bool kyProcess::GetCurrentProcess(kyProcess& process)
     std::vector<std::string> words = ReadCommandLine("/proc/self/cmdline");
     auto record = std::make_unique<Record>();
     record->pid = ::getpid();
-    record->workingDirectory = CurrentFolder();
+    record->workingDirectory = kyDirUtils::GetCurrentWorkingDirUtf8();
     record->program = RunningProgram();
     TakeFirst(words);
     record->arguments = std::move(words);
