@@ -37,8 +37,8 @@ public:
     using Take = std::function<void(const CrashReport&)>;
 
     /// `take` receives each report with at least one frame, or with the interrupted instruction as
-    /// its only one, once, as soon as it is complete, in the
-    /// order of their first lines unless there are too many unfinished ones.
+    /// its only one, once, as soon as it is complete, in the order of their first lines unless
+    /// there are too many unfinished ones.
     explicit CrashReportCollector(Take take);
 
     void add(std::string_view line);

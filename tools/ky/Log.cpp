@@ -200,6 +200,34 @@ int RunLog(const Options& options)
     return good ? sSuccess : sFailure;
 }
 
+/// What is said of the log file. `options` live as long as the command.
+void AddFileOptions(CLI::App& command, Options& options)
+{
+    auto* const file =
+        command.add_option("-f,--file", options.logFile, "Also append each line to this log file")
+            ->type_name("PATH");
+    command.add_flag("--replace", options.replace, "Begin with an empty log file")->needs(file);
+    command
+        .add_flag("--shared", options.shared,
+                  "Share the log file with other processes that say so too")
+        ->needs(file);
+    command
+        .add_option("--max-size", options.maxSizeBytes,
+                    "Put the log file aside before it gets larger, as in 500K or 20M")
+        ->transform(CLI::AsSizeValue(false))
+        ->type_name("BYTES")
+        ->needs(file);
+    command.add_option("--rotate", options.interval, "Put it aside daily, weekly or monthly")
+        ->transform(CLI::CheckedTransformer(sIntervals, CLI::ignore_case))
+        ->type_name("INTERVAL")
+        ->needs(file);
+    command
+        .add_option("--max-files", options.maxFiles,
+                    "Keep at most so many files, the current one included")
+        ->type_name("COUNT")
+        ->needs(file);
+}
+
 }  // namespace
 
 void AddLog(CLI::App& app, int& exitCode)
@@ -221,29 +249,7 @@ void AddLog(CLI::App& app, int& exitCode)
                      "name")
         ->type_name("NAME");
     command->add_flag("-q,--quiet", options->quiet, "No echo to standard output");
-    auto* const file =
-        command->add_option("-f,--file", options->logFile, "Also append each line to this log file")
-            ->type_name("PATH");
-    command->add_flag("--replace", options->replace, "Begin with an empty log file")->needs(file);
-    command
-        ->add_flag("--shared", options->shared,
-                   "Share the log file with other processes that say so too")
-        ->needs(file);
-    command
-        ->add_option("--max-size", options->maxSizeBytes,
-                     "Put the log file aside before it gets larger, as in 500K or 20M")
-        ->transform(CLI::AsSizeValue(false))
-        ->type_name("BYTES")
-        ->needs(file);
-    command->add_option("--rotate", options->interval, "Put it aside daily, weekly or monthly")
-        ->transform(CLI::CheckedTransformer(sIntervals, CLI::ignore_case))
-        ->type_name("INTERVAL")
-        ->needs(file);
-    command
-        ->add_option("--max-files", options->maxFiles,
-                     "Keep at most so many files, the current one included")
-        ->type_name("COUNT")
-        ->needs(file);
+    AddFileOptions(*command, *options);
     command->callback([options, &exitCode] {
         if (options->files.empty())
             options->files.emplace_back("-");
