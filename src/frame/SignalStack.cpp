@@ -22,8 +22,8 @@ char* StackOf(void* mapping)
     return static_cast<char*>(mapping) + sGuardBytes;
 }
 
-// Mapping and unmapping would cost a quarter of a thread's whole start and end, so stacks of ended
-// threads wait here for others. Empty places are null.
+// Mapping and unmapping would be a large part of what a thread's whole start and end costs, so
+// stacks of ended threads wait here for others. Empty places are null.
 constinit std::array<std::atomic<void*>, 8> sIdleMappings = {};
 
 void* MapStack() noexcept
