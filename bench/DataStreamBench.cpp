@@ -3,22 +3,19 @@
 // All write and read the same values; `by_inline` is the time by that of the inline code for the
 // same medium, measured turn by turn.
 
+#include "DataStreamLimits.h"
 #include "Timing.h"
 
 #include "ky/kyDataStream.h"
-#include "ky/kySystem.h"
 
 #include <benchmark/benchmark.h>
 
 #include <fstream>
-#include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <cstdlib>
 #include <cstring>
 
 #ifdef KY_HAVE_BOOST
@@ -45,19 +42,6 @@ constexpr int sStrings = 1'000'000;
 constexpr std::size_t sNumberBytes = sPairs * (sizeof(int) + sizeof(double));
 constexpr std::size_t sMaxBytes = sNumberBytes + sNumberBytes / 4;  // for what archives add
 const std::string sText = "sixteen bytes, 1";
-
-const char* const sFolder = std::getenv("TMPDIR") != nullptr ? std::getenv("TMPDIR") : "/tmp";
-
-std::string FilePath()
-{
-    return std::string(sFolder) + "/ky-bench-stream-" + std::to_string(::getpid());
-}
-
-void Check(bool isRight)
-{
-    if (!isRight)
-        throw std::runtime_error("a value was lost");
-}
 
 /// A device of a user: memory that is there already.
 class MemoryDevice : public ky::kyIoDevice {
@@ -134,164 +118,6 @@ void GetStrings(Stream& stream)
     Check(text == sText);
 }
 
-/// The limit: nothing is called but write(2) and read(2).
-class InlineFile {
-public:
-    explicit InlineFile(int flags)
-        : mFd(::open((FilePath() + "-inline").c_str(), flags | O_CLOEXEC, 0600))
-    {}
-    ~InlineFile()
-    {
-        if (mIsWriting)
-            Check(::write(mFd, mBytes.get(), mSize) == static_cast<ssize_t>(mSize));
-        ::close(mFd);
-    }
-    InlineFile(const InlineFile&) = delete;
-    InlineFile& operator=(const InlineFile&) = delete;
-
-    template <typename Value>
-    InlineFile& operator<<(Value value)
-    {
-        mIsWriting = true;
-        if (sBytes - mSize < sizeof value)
-            writeOut();
-        std::memcpy(mBytes.get() + mSize, &value, sizeof value);
-        mSize += sizeof value;
-        return *this;
-    }
-    InlineFile& operator<<(const std::string& text)
-    {
-        *this << static_cast<unsigned>(text.size());
-        if (sBytes - mSize < text.size())
-            writeOut();
-        std::memcpy(mBytes.get() + mSize, text.data(), text.size());
-        mSize += text.size();
-        return *this;
-    }
-    template <typename Value>
-    InlineFile& operator>>(Value& value)
-    {
-        fill(sizeof value);
-        std::memcpy(&value, mBytes.get() + mStart, sizeof value);
-        mStart += sizeof value;
-        return *this;
-    }
-    InlineFile& operator>>(std::string& text)
-    {
-        unsigned size = 0;
-        *this >> size;
-        fill(size);
-        text.assign(mBytes.get() + mStart, size);
-        mStart += size;
-        return *this;
-    }
-
-private:
-    static constexpr std::size_t sBytes = 1 << 20;
-
-    void writeOut()
-    {
-        Check(::write(mFd, mBytes.get(), mSize) == static_cast<ssize_t>(mSize));
-        mSize = 0;
-    }
-    void fill(std::size_t size)
-    {
-        if (mSize - mStart >= size)
-            return;
-        std::memmove(mBytes.get(), mBytes.get() + mStart, mSize - mStart);
-        mSize -= mStart;
-        mStart = 0;
-        const ssize_t got = ::read(mFd, mBytes.get() + mSize, sBytes - mSize);
-        Check(got > 0);
-        mSize += static_cast<std::size_t>(got);
-    }
-
-    const int mFd;
-    const std::unique_ptr<char[]> mBytes{new char[sBytes]};
-    std::size_t mStart = 0;
-    std::size_t mSize = 0;
-    bool mIsWriting = false;
-};
-
-class InlineMemory {
-public:
-    template <typename Value>
-    InlineMemory& operator<<(Value value)
-    {
-        std::memcpy(mAt, &value, sizeof value);
-        mAt += sizeof value;
-        return *this;
-    }
-    InlineMemory& operator<<(const std::string& text)
-    {
-        *this << static_cast<unsigned>(text.size());
-        std::memcpy(mAt, text.data(), text.size());
-        mAt += text.size();
-        return *this;
-    }
-    template <typename Value>
-    InlineMemory& operator>>(Value& value)
-    {
-        std::memcpy(&value, mAt, sizeof value);
-        mAt += sizeof value;
-        return *this;
-    }
-    InlineMemory& operator>>(std::string& text)
-    {
-        unsigned size = 0;
-        *this >> size;
-        text.assign(mAt, size);
-        mAt += size;
-        return *this;
-    }
-
-private:
-    static std::vector<char>& Bytes()
-    {
-        static std::vector<char> bytes(sMaxBytes, 'x');
-        return bytes;
-    }
-
-    char* mAt = Bytes().data();
-};
-
-/// A bare call of std::fstream per value.
-class BareFstream {
-public:
-    explicit BareFstream(std::ios_base::openmode mode)
-        : mFile(FilePath(), mode | std::ios_base::binary)
-    {}
-    template <typename Value>
-    BareFstream& operator<<(Value value)
-    {
-        mFile.write(reinterpret_cast<const char*>(&value), sizeof value);
-        return *this;
-    }
-    BareFstream& operator<<(const std::string& text)
-    {
-        *this << static_cast<unsigned>(text.size());
-        mFile.write(text.data(), static_cast<std::streamsize>(text.size()));
-        return *this;
-    }
-    template <typename Value>
-    BareFstream& operator>>(Value& value)
-    {
-        mFile.read(reinterpret_cast<char*>(&value), sizeof value);
-        return *this;
-    }
-    BareFstream& operator>>(std::string& text)
-    {
-        unsigned size = 0;
-        *this >> size;
-        text.resize(size);
-        mFile.read(text.data(), static_cast<std::streamsize>(size));
-        return *this;
-    }
-
-private:
-    std::fstream mFile;
-};
-
 enum Work { WriteNumbers, ReadNumbers, WriteStrings, ReadStrings };
 const char* const sWorkNames[] = {"WriteNumbers", "ReadNumbers", "WriteStrings", "ReadStrings"};
 
@@ -326,7 +152,8 @@ void InlineToFile(int work)
 
 void InlineInMemory(int work)
 {
-    InlineMemory memory;
+    static std::vector<char> bytes(sMaxBytes, 'x');
+    InlineMemory memory(bytes);
     Do(work, memory);
     benchmark::ClobberMemory();
 }
@@ -509,16 +336,11 @@ void Compare(benchmark::State& state, const Side& side, int work)
     const int written = work == ReadNumbers || work == WriteNumbers ? WriteNumbers : WriteStrings;
     side.limit(written);
     side.run(written);
-    std::vector<double> seconds;
-    std::vector<double> limitSeconds;
-    for (auto _ : state) {
-        limitSeconds.push_back(Seconds([&] { side.limit(work); }));
-        seconds.push_back(Seconds([&] { side.run(work); }));
-        state.SetIterationTime(seconds.back());
-    }
+    Turns turns = TakeTurns(
+        state, [] {}, [&] { side.run(work); }, [&] { side.limit(work); });
     const long values = written == WriteNumbers ? 2L * sPairs : sStrings;
     state.SetItemsProcessed(values * state.iterations());
-    state.counters["by_inline"] = Median(seconds) / Median(limitSeconds);
+    state.counters["by_inline"] = turns.medianByMedian();
     for (const char* suffix : {"", "-inline"})
         ::unlink((FilePath() + suffix).c_str());
 }

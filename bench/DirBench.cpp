@@ -1,6 +1,5 @@
-// Path text, clearing and copying beside the standard library and bare loops. Ours and the peer are
-// run turn by turn, so that `ours_by_peer` stands even where the speed of the machine does not.
-// Folders are made below "TMPDIR": the file system there decides about the times.
+// Path text, clearing and copying, turn by turn with the standard library and bare loops. Folders
+// are made below "TMPDIR": the file system there decides about the times.
 
 #include "Timing.h"
 
@@ -44,27 +43,10 @@ private:
     std::string mPath;
 };
 
-/// `prepare` is called before each turn; the two change places in each.
-template <typename Prepare, typename Ours, typename Peer>
-void Compare(benchmark::State& state, Prepare prepare, Ours ours, Peer peer)
-{
-    std::vector<double> ourSeconds;
-    std::vector<double> peerSeconds;
-    bool isOursFirst = false;
-    for (auto _ : state) {
-        prepare();
-        for (const bool isOurs : {isOursFirst, !isOursFirst})
-            (isOurs ? ourSeconds : peerSeconds).push_back(isOurs ? Seconds(ours) : Seconds(peer));
-        isOursFirst = !isOursFirst;
-        state.SetIterationTime(ourSeconds.back());
-    }
-    state.counters["ours_by_peer"] = Median(ourSeconds) / Median(peerSeconds);
-}
-
 void CompareSimplify(benchmark::State& state, const std::vector<std::string>& paths)
 {
     Compare(
-        state, [] {},
+        state,
         [&] {
             for (const std::string& path : paths)
                 benchmark::DoNotOptimize(kyDirUtils::SimplifyPath(path));

@@ -3,8 +3,10 @@
 // share of each, stand even where the speed of the machine does not. A size that memory does not
 // allow is left out.
 
+#include "FullLibrary.h"
+#include "Timing.h"
+
 #include "ky/kyProcess.h"
-#include "ky/kySystem.h"
 
 #include <benchmark/benchmark.h>
 #ifdef KY_HAVE_BOOST
@@ -17,8 +19,6 @@
 #include <QProcess>
 #endif
 
-#include <algorithm>
-#include <chrono>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -118,21 +118,12 @@ struct Launcher {
     const char* name;
     bool (*launch)();
     std::vector<double> microseconds;
-
-    double median()
-    {
-        const auto middle = microseconds.begin() + static_cast<long>(microseconds.size() / 2);
-        std::nth_element(microseconds.begin(), middle, microseconds.end());
-        return *middle;
-    }
 };
 
 bool RunOnce(Launcher& launcher)
 {
-    const auto begin = std::chrono::steady_clock::now();
-    const bool isGood = launcher.launch();
-    const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - begin;
-    launcher.microseconds.push_back(time.count());
+    bool isGood = false;
+    launcher.microseconds.push_back(Seconds([&] { isGood = launcher.launch(); }) * 1e6);
     return isGood;
 }
 
@@ -160,10 +151,10 @@ void StartAndWait(benchmark::State& state)
         for (Launcher& launcher : launchers)
             if (!RunOnce(launcher))
                 return state.SkipWithError(launcher.name);
-    const double ours = launchers.front().median();
+    const double ours = Median(launchers.front().microseconds);
     state.counters["ours"] = ours;
     for (std::size_t i = 1; i < launchers.size(); ++i) {
-        const double peer = launchers[i].median();
+        const double peer = Median(launchers[i].microseconds);
         state.counters[launchers[i].name] = peer;
         state.counters[std::string("ours_by_") + launchers[i].name] = ours / peer;
     }
@@ -171,10 +162,6 @@ void StartAndWait(benchmark::State& state)
 BENCHMARK(StartAndWait)->UseRealTime()->Arg(0)->Iterations(1000);
 BENCHMARK(StartAndWait)->UseRealTime()->Arg(4096)->Iterations(50);
 
-/// As services use it: with the log's thread and the signals taken over.
-struct FullLibrary {
-    FullLibrary() { ky::initializeKySystem(ky::InitType::Full, false); }
-    ~FullLibrary() { ky::terminateKySystem(); }
-} const sLibrary;
+const FullLibrary sLibrary;
 
 }  // namespace

@@ -1,8 +1,9 @@
 // What polling for cancellation and reporting progress add to a loop, beside one relaxed load.
 
+#include "FullLibrary.h"
+
 #include "ky/kyCancelInterface.h"
 #include "ky/kyProgressNotifier.h"
-#include "ky/kySystem.h"
 
 #include <benchmark/benchmark.h>
 
@@ -53,13 +54,10 @@ BENCHMARK(IncrementStep);
 
 void IncrementStepThroughLock(benchmark::State& state)
 {
-    ky::initializeKySystem(ky::InitType::Full, false);
-    {
-        ky::kyProgressNotifierBase notifier;
-        ky::kyProgressNotifierThreadSafeProxy proxy(&notifier);
-        Increment(state, proxy);
-    }
-    ky::terminateKySystem();
+    const FullLibrary library;
+    ky::kyProgressNotifierBase notifier;
+    ky::kyProgressNotifierThreadSafeProxy proxy(&notifier);
+    Increment(state, proxy);
 }
 BENCHMARK(IncrementStepThroughLock);
 

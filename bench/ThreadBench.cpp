@@ -1,17 +1,15 @@
-// Locks and threads beside what they are made of. The two are run turn by turn, so that the
-// counter `ours_by_peer` stands even where the speed of the machine does not.
+// Locks and threads beside what they are made of, turn by turn.
 
+#include "FullLibrary.h"
 #include "Timing.h"
 
 #include "ky/kyMutex.h"
-#include "ky/kySystem.h"
 #include "ky/kyThread.h"
 
 #include <benchmark/benchmark.h>
 
 #include <climits>
 #include <thread>
-#include <vector>
 
 #include <pthread.h>
 
@@ -19,13 +17,6 @@ namespace {
 
 constexpr int sLocksPerTurn = 1000;
 constexpr int sThreadsPerTurn = 100;  // each sleeps and wakes; turn by turn they disturb each other
-
-struct Library {
-    Library() { ky::initializeKySystem(ky::InitType::Full, false); }
-    ~Library() { ky::terminateKySystem(); }
-    Library(const Library&) = delete;
-    Library& operator=(const Library&) = delete;
-};
 
 class RecursivePthreadMutex {
 public:
@@ -51,22 +42,9 @@ struct EmptyThread : ky::kyThread {
     int run() override { return 0; }
 };
 
-template <typename Ours, typename Peer>
-void Compare(benchmark::State& state, Ours ours, Peer peer)
-{
-    std::vector<double> ourSeconds;
-    std::vector<double> peerSeconds;
-    for (auto _ : state) {
-        peerSeconds.push_back(Seconds(peer));
-        ourSeconds.push_back(Seconds(ours));
-        state.SetIterationTime(ourSeconds.back());
-    }
-    state.counters["ours_by_peer"] = Median(ourSeconds) / Median(peerSeconds);
-}
-
 void LockAndUnlock(benchmark::State& state)
 {
-    const Library library;
+    const FullLibrary library;
     ky::kyMutex ours;
     RecursivePthreadMutex peer;
     Compare(
@@ -89,7 +67,7 @@ BENCHMARK(LockAndUnlock)->UseManualTime();
 
 void StartAndJoin(benchmark::State& state)
 {
-    const Library library;
+    const FullLibrary library;
     Compare(
         state,
         [] {
@@ -111,7 +89,7 @@ BENCHMARK(StartAndJoin)->UseManualTime();
 void InitializeAndTerminate(benchmark::State& state)
 {
     for (auto _ : state)
-        const Library library;
+        const FullLibrary library;
 }
 BENCHMARK(InitializeAndTerminate)->UseRealTime();
 

@@ -1,16 +1,13 @@
-// Jobs for one thread and solvers for several, beside peers doing the same in the same run. Ours
-// and the peer take turns, so that `ours_by_peer`, the medians, stands even where the speed of the
-// machine does not. `best_by_best` is what counts on a machine that is busy with other things.
+// Jobs for one thread and solvers for several, turn by turn with peers that do the same.
 
+#include "FullLibrary.h"
 #include "Timing.h"
 
 #include "ky/ConcurrentPool.h"
-#include "ky/kySystem.h"
 #include "ky/kyWorkThread.h"
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <future>
 #include <vector>
 
@@ -28,29 +25,6 @@ namespace {
 
 constexpr std::size_t sJobs = 1000000;
 constexpr std::size_t sSolvers = 200;
-
-struct Library {
-    Library() { ky::initializeKySystem(ky::InitType::Full, false); }
-    ~Library() { ky::terminateKySystem(); }
-    Library(const Library&) = delete;
-    Library& operator=(const Library&) = delete;
-};
-
-template <typename Ours, typename Peer>
-void Compare(benchmark::State& state, std::size_t items, Ours ours, Peer peer)
-{
-    std::vector<double> ourSeconds;
-    std::vector<double> peerSeconds;
-    for (auto _ : state) {
-        peerSeconds.push_back(Seconds(peer));
-        ourSeconds.push_back(Seconds(ours));
-        state.SetIterationTime(ourSeconds.back());
-    }
-    state.counters["ours_by_peer"] = Median(ourSeconds) / Median(peerSeconds);
-    state.counters["best_by_best"] = *std::min_element(ourSeconds.begin(), ourSeconds.end()) /
-                                     *std::min_element(peerSeconds.begin(), peerSeconds.end());
-    state.SetItemsProcessed(static_cast<std::int64_t>(items) * state.iterations());
-}
 
 /// Counts jobs on the worker and tells when all have been seen.
 struct Tally {
@@ -92,6 +66,21 @@ void OurJobs(std::size_t jobsPerBracket)
     tally.done.get_future().wait();
 }
 
+/// The argument is the number of jobs in a bracket of ours.
+[[maybe_unused]] void JobsBeside(benchmark::State& state, void (*peer)())
+{
+    const FullLibrary library;
+    const auto jobsPerBracket = static_cast<std::size_t>(state.range(0));
+    Compare(
+        state, [&] { OurJobs(jobsPerBracket); }, peer);
+    state.SetItemsProcessed(static_cast<std::int64_t>(sJobs) * state.iterations());
+}
+
+[[maybe_unused]] void OneByOneAndInBatches(benchmark::internal::Benchmark* jobs)
+{
+    jobs->Arg(1)->Arg(1000)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(7);
+}
+
 #ifdef KY_HAVE_POCO
 struct CountingNotification : Poco::Notification {
     explicit CountingNotification(Tally& tally) : mTally(tally) {}
@@ -116,19 +105,7 @@ void PocoJobs()
     thread.join();
 }
 
-void JobsBesidePoco(benchmark::State& state)
-{
-    const Library library;
-    const auto jobsPerBracket = static_cast<std::size_t>(state.range(0));
-    Compare(
-        state, sJobs, [&] { OurJobs(jobsPerBracket); }, &PocoJobs);
-}
-BENCHMARK(JobsBesidePoco)
-    ->Arg(1)
-    ->Arg(1000)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond)
-    ->Iterations(7);
+BENCHMARK_CAPTURE(JobsBeside, Poco, &PocoJobs)->Apply(&OneByOneAndInBatches);
 #endif
 
 #ifdef KY_HAVE_QT
@@ -149,19 +126,7 @@ void QtJobs()
     pool.waitForDone();
 }
 
-void JobsBesideQt(benchmark::State& state)
-{
-    const Library library;
-    const auto jobsPerBracket = static_cast<std::size_t>(state.range(0));
-    Compare(
-        state, sJobs, [&] { OurJobs(jobsPerBracket); }, &QtJobs);
-}
-BENCHMARK(JobsBesideQt)
-    ->Arg(1)
-    ->Arg(1000)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond)
-    ->Iterations(7);
+BENCHMARK_CAPTURE(JobsBeside, Qt, &QtJobs)->Apply(&OneByOneAndInBatches);
 #endif
 
 /// Computes for about `microseconds`, without the pool's mutex.
@@ -191,20 +156,21 @@ struct Solver : ky::ConcurrentPool::SolverBase {
 /// compares with the same solvers on one thread: with two workers 0.5 is the limit.
 void Throughput(benchmark::State& state)
 {
-    const Library library;
+    const FullLibrary library;
     ky::ConcurrentPool one(1);
     ky::ConcurrentPool several(static_cast<unsigned int>(state.range(0)));
     Solver solver(1000);
     const std::vector<ky::ConcurrentPool::SolverBase*> solvers(sSolvers, &solver);
     Compare(
-        state, sSolvers, [&] { several.solve(solvers); }, [&] { one.solve(solvers); });
+        state, [&] { several.solve(solvers); }, [&] { one.solve(solvers); });
+    state.SetItemsProcessed(static_cast<std::int64_t>(sSolvers) * state.iterations());
 }
 BENCHMARK(Throughput)->Arg(2)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(11);
 
 /// What handing out costs: solvers that do nothing, in lists as long as the argument says.
 void Overhead(benchmark::State& state)
 {
-    const Library library;
+    const FullLibrary library;
     ky::ConcurrentPool pool(2);
     Solver solver(0);
     const auto count = static_cast<std::size_t>(state.range(0));
