@@ -239,11 +239,11 @@ int Run(const std::string& home)
     Settings settings;
     std::string error = "no folder with settings";
     ky::kyLockFile lock;
-    if (!PrepareHome(home) ||
-        !lock.takeLockUtf8(kyDirUtils::JoinPath(home, "daemon.lock"), nullptr,
-                           ky::kyLockFile::Exclusive, &error) ||
-        !ReadSettings(home, settings)) {
-        std::cerr << home << ": " << error << '\n';
+    const bool isLocked =
+        PrepareHome(home) && lock.takeLockUtf8(kyDirUtils::JoinPath(home, "daemon.lock"), nullptr,
+                                               ky::kyLockFile::Exclusive, &error);
+    if (!isLocked || !ReadSettings(home, settings)) {
+        std::cerr << home << ": " << (isLocked ? "wrong settings, see the log" : error) << '\n';
         return 1;
     }
     const int exitCode = Daemon(home, settings).run();
