@@ -4,7 +4,9 @@
 #include "ky/kyVersion.h"
 
 #include <algorithm>
+#include <memory>
 #include <new>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -46,6 +48,21 @@ std::vector<std::string> Arguments(int end, int mark, char** argv)
     return arguments;
 }
 
+/// Lists sub-commands with the first sentence of what each tells about itself.
+class Help : public CLI::Formatter {
+public:
+    std::string make_subcommand(const CLI::App* command) const override
+    {
+        std::string text = command->get_description();
+        text.resize(std::min({text.find('\n'), text.find(". "), text.size()}));
+        if (!text.empty() && text.back() == '.')
+            text.pop_back();
+        std::ostringstream out;
+        CLI::detail::format_help(out, command->get_display_name(true), text, column_width_);
+        return out.str();
+    }
+};
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -56,6 +73,8 @@ int main(int argc, char** argv)
     int exitCode = ky::tool::sSuccess;
     const ky::tool::CheckedOutput output;
     CLI::App app("System services of kySystem for scripts.", "ky");
+    // Sub-commands take it over when they are added.
+    app.formatter(std::make_shared<Help>());
     app.require_subcommand(1);
     app.set_version_flag("--version",
                          kySystem::Version::GetDescStringMajorMinorReleaseRevision(true, true));
