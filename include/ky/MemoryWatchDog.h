@@ -31,7 +31,8 @@ namespace ky {
 class KY_API MemoryWatchDog final : private kyThread {
 public:
     /// Begins to watch at once, with a threshold of `thresholdMiB` * 2^20 bytes modulo 2^64. 0 ends
-    /// the process at the first check. `name` stands in the log lines.
+    /// the process at the first check. `name` stands in the log lines. Throws `std::system_error`
+    /// when the system refuses a thread.
     MemoryWatchDog(const std::string& name, unsigned long thresholdMiB, int exitCode);
 
     /// Stops watching and waits for a check that is on its way. Does not wait on the watchdog's own

@@ -33,7 +33,7 @@ public:
 
     /// Takes the lock or fails at once: it never waits. `fileExisted`, which may be null, tells
     /// whether the file was there; a file that is made is locked exclusively, also for `Shared`.
-    /// Links are followed, and the folder must exist.
+    /// `path` is UTF-8, links are followed, and the folder must exist.
     ///
     /// `error`, which may be null and must not be `path`, is emptied, and on failure told why:
     /// "Fail to acquire lock on existing file, " with EWOULDBLOCK when somebody has it, "Fail to

@@ -162,7 +162,7 @@ public:
     /// The path as it was installed; empty when there is no log file.
     std::string getCurrentLogFileNameUtf8();
 
-    /// How many lines the log file has lost since it was installed.
+    /// How many lines the log file has lost since it was installed; 0 without one.
     unsigned long getLostLineCount();
 
     /// Returns when everything logged before has reached its sinks; at once on the log's own
