@@ -14,9 +14,11 @@
 #include <thread>
 
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -77,11 +79,17 @@ void WriteToNull()
 }
 
 /// The heap of a second thread is locked while free(3) looks for the end of a block, which this one
-/// has in the unreadable reserve of that heap.
+/// has in the last page of the 64 MiB that are reserved for that heap. That page may have been in
+/// use: the heap can be one that an ended thread has left.
 void FaultInFree()
 {
+    constexpr std::uintptr_t reserveBytes = 64UL << 20;
+    constexpr std::size_t pageBytes = 4096;
     auto* volatile const block = static_cast<volatile std::size_t*>(std::malloc(65536));
-    block[-1] = block[-1] + (1UL << 25);
+    const std::uintptr_t chunk = reinterpret_cast<std::uintptr_t>(block) - 2 * sizeof *block;
+    const std::uintptr_t lastPage = (chunk | (reserveBytes - 1)) + 1 - pageBytes;
+    ::mprotect(reinterpret_cast<void*>(lastPage), pageBytes, PROT_NONE);
+    block[-1] = (lastPage - chunk) | (block[-1] & 7U);
     std::free(const_cast<std::size_t*>(block));
 }
 
