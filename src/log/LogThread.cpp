@@ -327,7 +327,9 @@ bool kyLogThread::lockWhen(unsigned long patienceMs, Condition condition)
 
 bool kyLogThread::writeFromCrash(Batch& batch, unsigned long patienceMs)
 {
-    if (isCurrent()) {
+    // The second question for a signal that the thread gets before it has come to run(): it would
+    // wait for itself.
+    if (isCurrent() || isOwnThread()) {
         kyLog::WriteImpl(mWorking, batch);
         impl::FinishInterruptedBatch();
         impl::WriteQueue(mWorking, mInWork);
