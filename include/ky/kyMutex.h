@@ -33,7 +33,8 @@ struct NativeMutex {
 /// the fork stays locked for ever; it can be destroyed there all the same.
 class KY_API kyMutex {
 public:
-    /// Before full initialisation it logs one CRITICAL line; the mutex works anyway.
+    /// Before full initialisation it logs one CRITICAL line, where there is a log already; the
+    /// mutex works anyway.
     kyMutex();
 
     /// Logs the fork warning in a forked child (`CheckIfProcessForkAfterThreadSafeInit`).
@@ -61,7 +62,8 @@ private:
 /// `kyWaitCondition` can use it.
 class KY_API kyMutex2 {
 public:
-    /// Before full initialisation it logs one CRITICAL line; the mutex works anyway.
+    /// Before full initialisation it logs one CRITICAL line, where there is a log already; the
+    /// mutex works anyway.
     kyMutex2();
     virtual ~kyMutex2();
     kyMutex2(const kyMutex2&) = delete;
@@ -102,7 +104,7 @@ public:
     /// When the file cannot be opened, is no regular file, or its name does not exist in the local
     /// 8-bit set, one CRITICAL line, with the system-log name "kySystem", tells so, what is there
     /// is left as it is, and `lock` and `unlock` do nothing. Before full initialisation a further
-    /// line tells that.
+    /// line tells that, where there is a log already.
     explicit kyMutexSystem(const char* name);
 
     /// Removes the file, under other objects that merely have it open too, and unlocks. While

@@ -35,7 +35,8 @@ public:
 /// and may be started and destroyed.
 class KY_API kyThread {
 public:
-    /// Before full initialisation it logs one CRITICAL line; the thread works anyway.
+    /// Before full initialisation it logs one CRITICAL line, where there is a log already; the
+    /// thread works anyway.
     kyThread();
 
     /// Waits without limit for the thread to end, or leaves it alone when it is the calling one.

@@ -14,7 +14,8 @@ namespace ky {
 /// child an inherited condition can be destroyed and nothing else.
 class KY_API kyWaitCondition {
 public:
-    /// Before full initialisation it logs one CRITICAL line; the condition works anyway.
+    /// Before full initialisation it logs one CRITICAL line, where there is a log already; the
+    /// condition works anyway.
     kyWaitCondition();
 
     /// Logs the fork warning in a forked child (`CheckIfProcessForkAfterThreadSafeInit`).
