@@ -6,6 +6,10 @@ namespace ky::exception {
 
 /// Whether the signal watcher has its table. The full level of the library registers it, the last
 /// termination releases it. Any thread. Signal-safe.
+///
+/// The watched signals are SIGABRT, SIGBUS, SIGFPE, SIGHUP, SIGILL, SIGINT, SIGPIPE, SIGPROF,
+/// SIGPWR, SIGQUIT, SIGSEGV, SIGSYS, SIGTERM, SIGTRAP, SIGTSTP, SIGTTIN, SIGTTOU, SIGURG, SIGUSR1,
+/// SIGUSR2, SIGVTALRM, SIGXCPU and SIGXFSZ.
 KY_API bool IsSigWatcherRegistered();
 
 namespace impl {
