@@ -27,8 +27,8 @@ namespace ky {
 ///
 /// A failure clears the sticky ok flag until the next `setIoDevice`. Text and raw data are skipped
 /// from then on; numbers, characters and bools still reach the device. The length of a text is not
-/// trusted: memory grows with the bytes that come. Nothing throws but running out of memory. For
-/// one thread at a time.
+/// trusted: above 16 MiB memory grows with the bytes that come. Nothing throws but running out of
+/// memory. For one thread at a time.
 class KY_API kyDataStream {
 public:
     /// Any value but 1 is little-endian.
