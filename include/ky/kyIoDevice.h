@@ -193,7 +193,7 @@ private:
 };
 
 /// A standard stream as a device, borrowed. A stream that is both for input and output has to be
-/// cast to one.
+/// cast to one. What the stream is to throw for (`std::ios::exceptions`) has no effect here.
 class KY_API kyIoDeviceStdStreamProxy : public kyIoDeviceRandomAccess {
 public:
     /// For reading, or for writing. A null stream moves nothing, without an error.

@@ -8,6 +8,33 @@
 
 namespace ky::impl {
 
+/// Keeps a borrowed stream from throwing while it lives, whatever its owner has asked it to throw
+/// for. What has failed meanwhile stays in its state.
+class Unthrowing {
+public:
+    explicit Unthrowing(std::ios& stream) : mStream(stream), mExceptions(stream.exceptions())
+    {
+        if (mExceptions != std::ios_base::goodbit)
+            mStream.exceptions(std::ios_base::goodbit);
+    }
+    ~Unthrowing()
+    {
+        if (mExceptions == std::ios_base::goodbit)
+            return;
+        try {
+            mStream.exceptions(mExceptions);
+        } catch (const std::ios_base::failure&) {
+            // It is set all the same and takes effect with the owner's next call.
+        }
+    }
+    Unthrowing(const Unthrowing&) = delete;
+    Unthrowing& operator=(const Unthrowing&) = delete;
+
+private:
+    std::ios& mStream;
+    const std::ios_base::iostate mExceptions;
+};
+
 /// Reads up to `n` bytes and leaves a stream that came short with its end-of-file bit alone, so
 /// that it can be written and positioned. The bad bit stays where reading failed.
 inline unsigned long ReadFromStream(std::istream& stream, char* dst, unsigned long n)

@@ -18,6 +18,7 @@ unsigned long kyIoDeviceStdStreamProxy::readBytes(char* dst, unsigned long n)
 {
     if (!good() || mInput == nullptr)
         return 0;
+    const impl::Unthrowing unthrowing(*mInput);
     const unsigned long got = impl::ReadFromStream(*mInput, dst, n);
     if (mInput->bad()) {
         setDeviceError("std sub stream is in error after a read : istream bad bit is set");
@@ -30,6 +31,7 @@ unsigned long kyIoDeviceStdStreamProxy::writeBytes(const char* src, unsigned lon
 {
     if (!good() || mOutput == nullptr)
         return 0;
+    const impl::Unthrowing unthrowing(*mOutput);
     // With this bit alone a stream writes nothing and reports nothing.
     if (mOutput->rdstate() == std::ios_base::eofbit)
         mOutput->clear();
@@ -44,22 +46,30 @@ unsigned long kyIoDeviceStdStreamProxy::writeBytes(const char* src, unsigned lon
 
 bool kyIoDeviceStdStreamProxy::atEnd() const
 {
-    return mInput != nullptr && (mInput->eof() || impl::IsNothingLeft(*mInput));
+    if (mInput == nullptr)
+        return false;
+    const impl::Unthrowing unthrowing(*mInput);
+    return mInput->eof() || impl::IsNothingLeft(*mInput);
 }
 
 bool kyIoDeviceStdStreamProxy::seek(long offset, SeekStart from)
 {
-    if (mInput != nullptr)
+    if (mInput != nullptr) {
+        const impl::Unthrowing unthrowing(*mInput);
         impl::SeekToRead(*mInput, offset, impl::SeekDirection(from));
-    else if (mOutput != nullptr)
+    } else if (mOutput != nullptr) {
+        const impl::Unthrowing unthrowing(*mOutput);
         mOutput->seekp(offset, impl::SeekDirection(from));
+    }
     return mInput != nullptr || mOutput != nullptr;
 }
 
 long kyIoDeviceStdStreamProxy::getCurrentPos() const
 {
-    if (mOutput != nullptr)
+    if (mOutput != nullptr) {
+        const impl::Unthrowing unthrowing(*mOutput);
         return mOutput->tellp();
+    }
     return mInput != nullptr ? impl::ReadPosition(*mInput) : 0;
 }
 
