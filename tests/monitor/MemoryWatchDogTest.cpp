@@ -1,16 +1,14 @@
 #include "ky/MemoryWatchDog.h"
-#include "ky/kyHighResTimer.h"
-#include "ky/kyLog.h"
-#include "ky/kyPowerStatus.h"
-#include "ky/kySystemUtils.h"
 
-#include "support/Asleep.h"
+#include "ky/kyHighResTimer.h"
+#include "ky/kySystemUtils.h"
+#include "ky/kyThread.h"
+
 #include "support/Child.h"
 #include "support/Library.h"
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
+#include <memory>
 #include <regex>
 #include <string>
 
@@ -24,19 +22,6 @@ namespace {
 struct WatchDog : ky::test::FullLibrary {};
 
 constexpr unsigned long sHuge = 1UL << 30;
-
-/// The folder of the watchdog's thread in proc(5), once the thread has its name.
-std::string WatchDogTask()
-{
-    for (;;) {
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-            std::ifstream comm(task.path() / "comm");
-            std::string name;
-            if (std::getline(comm, name) && name == "kyMemWatch")
-                return task.path();
-        }
-    }
-}
 
 void BlockForEver(std::list<ky::kyLog::LogEntry>&, void*)
 {
@@ -56,7 +41,7 @@ void FillStandardOutput()
     ::fcntl(STDOUT_FILENO, F_SETFL, 0);
 }
 
-/// A child that a watchdog of threshold 0 ends, after `prepare`.
+/// A child that a watchdog ends after `prepare`.
 ky::test::ChildResult RunUntilKilled(const std::function<void()>& prepare)
 {
     return ky::test::RunInChild([&] {
@@ -64,7 +49,7 @@ ky::test::ChildResult RunUntilKilled(const std::function<void()>& prepare)
         ky::initializeKySystem(ky::InitType::Full, false);
         prepare();
         // 2^64 bytes: the threshold wraps to 0.
-        static MemoryWatchDog dog("cache", 1UL << 44, 77);
+        const MemoryWatchDog dog("cache", 1UL << 44, 77);
         for (;;)
             ::pause();
     });
@@ -72,13 +57,31 @@ ky::test::ChildResult RunUntilKilled(const std::function<void()>& prepare)
 
 }  // namespace
 
-TEST(WatchDogDeath, EndsTheProcessWithItsCodeAfterItsLine)
+TEST(WatchDogDeath, EndsTheProcessAfterItsLineUnlessItIsDisabled)
 {
-    const auto result = RunUntilKilled([] {});
+    const auto result = ky::test::RunInChild([] {
+        ::alarm(60);
+        ky::initializeKySystem(ky::InitType::Full, false);
+        ky::kyLog::Instance()->setLogLevel(ky::kyLogLevel::All);
+        constexpr unsigned long room = 64;
+        const long used = ky::kySystemUtils::GetUsedRamQuantityInBytes(ky::kySystemUtils::Resident);
+        MemoryWatchDog dog("cache", (static_cast<unsigned long>(used) >> 20) + room, 77);
+        dog.setMonitoringEnabled(false);
+        const std::string tooMuch(2 * room << 20, 'x');
+        ky::kyThread::msleep(450);
+        ky::kyLogObject(ky::kyLog::Info) << "spared";
+        ky::kyLog::Instance()->setLogLevel(ky::kyLogLevel::Normal);
+        dog.setMonitoringEnabled(true);
+        for (;;)
+            ::pause();
+    });
     EXPECT_EQ(result.exitCode, 77) << result.err;
-    EXPECT_TRUE(std::regex_search(
-        result.out, std::regex("CRITICAL PID .* : Memory watchdog 'cache' : process is using too "
-                               "much RAM [0-9.]+[KMG]?B, it will be killed, threshold was 0B\n")))
+    const std::string dog = ".* : Memory watchdog 'cache' : ";
+    EXPECT_TRUE(std::regex_match(
+        result.out, std::regex("TRACE" + dog + "start with a threshold of [0-9.]+MB\nTRACE" + dog +
+                               "stop\n.* : spared\nCRITICAL" + dog +
+                               "process is using too much RAM [0-9.]+[MG]B, it will be killed, "
+                               "threshold was [0-9.]+MB\n")))
         << result.out;
 }
 
@@ -89,95 +92,32 @@ TEST(WatchDogDeath, EndsTheProcessWhoseLogIsStuckAfterItsExitHandlers)
         std::atexit([] { std::fputs("handled\n", stderr); });
     });
     EXPECT_EQ(byHandler.exitCode, 77) << byHandler.err;
-    EXPECT_NE(byHandler.err.find("handled\n"), std::string::npos) << byHandler.err;
+    EXPECT_EQ(byHandler.err, "handled\n");
     EXPECT_EQ(RunUntilKilled(&FillStandardOutput).exitCode, 77);
 }
 
-TEST_F(WatchDog, SleepsWithoutLimitWhileItIsDisabled)
+TEST_F(WatchDog, EndsAtOnceAndInAForkedChildToo)
 {
-    MemoryWatchDog dog("disk", sHuge, 1);
-    EXPECT_TRUE(dog.isMonitoringEnabled());
-    const std::string task = WatchDogTask();
-    dog.setMonitoringEnabled(false);
-    EXPECT_FALSE(dog.isMonitoringEnabled());
-    ky::test::WaitUntilAsleep(std::filesystem::path(task).filename());
-    // Its time on the processor, and how often it got there (proc(5)).
-    const auto wakeUps = [&] {
-        std::string line;
-        std::ifstream stream(task + "/schedstat");
-        std::getline(stream, line);
-        return line;
-    };
-    const std::string before = wakeUps();
-    ASSERT_NE(before, "");
-    ky::kyThread::msleep(450);
-    EXPECT_EQ(wakeUps(), before);
-
-    const auto child = ky::test::RunInChild([&] {
+    auto dog = std::make_unique<MemoryWatchDog>("disk", sHuge, 1);
+    dog->setMonitoringEnabled(false);
+    ky::test::WaitUntilOthersAreAsleep();
+    ky::test::ExpectChildPasses([&] {
         ::alarm(60);
-        dog.setMonitoringEnabled(true);
-        EXPECT_FALSE(dog.isMonitoringEnabled());
-        dog.~MemoryWatchDog();
+        dog->setMonitoringEnabled(true);
+        EXPECT_FALSE(dog->isMonitoringEnabled());
+        dog.reset();
     });
-    EXPECT_EQ(child.exitCode, 0) << child.err;
-}
-
-TEST_F(WatchDog, TracesEachTimeTheFlagIsSet)
-{
-    std::string texts;
-    ky::kyLog* const log = ky::kyLog::Instance();
-    log->setLogLevel(ky::kyLogLevel::All);
-    log->installCustomHandler(
-        [](std::list<ky::kyLog::LogEntry>& batch, void* into) {
-            for (const ky::kyLog::LogEntry& entry : batch)
-                static_cast<std::string*>(into)->append(entry.message + "\n");
-        },
-        &texts);
-    {
-        MemoryWatchDog dog("net", 1536UL << 10, 1);
-        dog.setMonitoringEnabled(false);
-        dog.setMonitoringEnabled(false);
-    }
-    log->installCustomHandler(nullptr, nullptr);
-    EXPECT_EQ(texts,
-              "Memory watchdog 'net' : start with a threshold of 1.5TB\n"
-              "Memory watchdog 'net' : stop\nMemory watchdog 'net' : stop\n");
 }
 
 TEST(HighResTimer, MeasuresFromStartToStop)
 {
     kyHighResTimer timer;
-    kyHighResTimer whole;
-    whole.start();
-    timer.stop();
-    EXPECT_EQ(timer.getElapsedTimeInMicroSec(), 0.0);
     timer.start();
-    EXPECT_TRUE(timer.isRunning());
     ky::kyThread::msleep(3);
     // A little less than was slept: the clocks of the two may be adjusted.
     EXPECT_GE(timer.getElapsedTimeInMilliSec(), 2.9);
-    timer.start();
     timer.stop();
-    EXPECT_LE(timer.getElapsedTimeInMilliSec(), whole.getElapsedTimeInMilliSec() - 2.9);
     const double stopped = timer.getElapsedTimeInMicroSec();
-    ky::kyThread::msleep(1);
     timer.stop();
-    EXPECT_EQ(timer.getElapsedTimeInMicroSec(), stopped);
     EXPECT_DOUBLE_EQ(timer.getElapsedTimeInSec(), stopped / 1e6);
-    timer.clearTimer();
-    EXPECT_EQ(timer.getElapsedTimeInMicroSec(), 0.0);
-}
-
-TEST(PowerStatus, IsUnknownAndNeverChanges)
-{
-    for (const long refreshMs : {1000L, 0L, -1L}) {
-        ky::kyPowerStatusReader reader(refreshMs);
-        EXPECT_FALSE(reader.updatePowerStatusReader(true));
-        ky::kyPowerStatus other;
-        EXPECT_EQ(other.source, 2u);
-        EXPECT_EQ(other.chargePercent, 101u);
-        EXPECT_TRUE(reader.getPowerStatus() == other);
-        other.chargePercent = 100;
-        EXPECT_TRUE(reader.getPowerStatus() != other);
-    }
 }
