@@ -7,10 +7,10 @@
 #include "support/Child.h"
 #include "support/Library.h"
 
-#include <functional>
 #include <memory>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -39,6 +39,7 @@ void FillStandardOutput()
     while (::write(STDOUT_FILENO, block.data(), block.size()) > 0) {
     }
     ::fcntl(STDOUT_FILENO, F_SETFL, 0);
+    std::thread([] { std::cout << "keeps the lock of the stream" << std::flush; }).detach();
 }
 
 /// A child that a watchdog ends after `prepare`.

@@ -73,6 +73,7 @@ TEST_F(Process, WaitsItsTimeThroughSignalsWhateverBecomesOfItsDescriptor)
             }
             const auto begin = Clock::now();
             process.startProcess("sleep", {"1000"});
+            EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(10));
             if (descriptor == "closed by the host")
                 ::close_range(3, ~0U, 0);
             EXPECT_FALSE(process.waitForFinished(120));
