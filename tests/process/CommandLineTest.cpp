@@ -2,7 +2,6 @@
 
 #include <filesystem>
 
-namespace fs = std::filesystem;
 using ky::kyProcess;
 using ky::test::Process;
 using ky::test::Words;
@@ -10,12 +9,12 @@ using ky::test::Words;
 TEST_F(Process, StartsACommandLineInTheFolderOfItsProgram)
 {
     const std::string program = folder.write("a program", "echo \"$PWD|$1|$2\"");
-    fs::permissions(program, fs::perms::owner_all);
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
     const std::string printed = ky::test::PrintedBy([&] {
         EXPECT_TRUE(kyProcess::StartDetachedUtf8("\"" + program + "\" one\t\"t \\\"wo\\\"\""));
         EXPECT_FALSE(kyProcess::StartDetachedUtf8("true")) << "PATH was searched";
     });
-    EXPECT_EQ(printed, fs::path(program).parent_path().string() + "|one|t \"wo\"\n");
+    EXPECT_EQ(printed, std::filesystem::path(program).parent_path().string() + "|one|t \"wo\"\n");
 }
 
 TEST_F(Process, SplitsCommandLines)

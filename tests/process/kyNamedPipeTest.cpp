@@ -13,10 +13,7 @@
 #include <cerrno>
 #include <ctime>
 
-namespace fs = std::filesystem;
 using ky::kyNamedPipe;
-using ky::kyNamedPipeServer;
-using ky::test::ExpectChildPasses;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -43,7 +40,7 @@ struct NamedPipe : ky::test::LightLibrary {
 
     const ky::test::TemporaryFolder folder;
     ky::test::CaughtStream console{std::cout};
-    kyNamedPipeServer server;
+    ky::kyNamedPipeServer server;
     kyNamedPipe client;
 };
 
@@ -87,12 +84,18 @@ TEST_F(NamedPipe, TellsWhyItCannotListenAndLeavesAndRemovesNothing)
         {{"cut\0", 4}, ENOENT},
         {"\xff", ENOENT},
         {"name", ENOMEM,
+         "Cannot open socket in kyNamedPipeServer::listenUtf8, socket() returned INVALID_SOCKET",
+         SYS_socket},
+        {"name", ENOMEM,
+         "Cannot listen to socket in kyNamedPipeServer::listenUtf8, listen() returned SOCKET_ERROR",
+         SYS_listen},
+        {"name", ENOMEM,
          "Failed to set socket as non-blocking in kyNamedPipeServer::listenUtf8, SetNonBlocking "
          "returned code 12",
          SYS_fcntl},
     };
     for (const auto& row : rows)
-        ExpectChildPasses([&] {
+        ky::test::ExpectChildPasses([&] {
             const int free = FreeDescriptor();
             if (row.failingCall != -1)
                 ky::test::LetCallFail(row.failingCall, row.error);
@@ -102,7 +105,7 @@ TEST_F(NamedPipe, TellsWhyItCannotListenAndLeavesAndRemovesNothing)
             EXPECT_FALSE(client.connectToNamedPipeServerUtf8(row.name)) << row.name;
             EXPECT_EQ(FreeDescriptor(), free);
         });
-    EXPECT_TRUE(fs::exists(cut) && fs::exists(raw));
+    EXPECT_TRUE(std::filesystem::exists(cut) && std::filesystem::exists(raw));
 
     EXPECT_TRUE(server.listenUtf8(longest));
     EXPECT_FALSE(client.connectToNamedPipeServerUtf8(longest + "x"));
@@ -112,14 +115,14 @@ TEST_F(NamedPipe, TellsWhyItCannotListenAndLeavesAndRemovesNothing)
     EXPECT_FALSE(server.listenUtf8("other"));
     expectLogged("Cannot listen twice in kyNamedPipeServer::listenUtf8");
     ::setenv("TMPDIR", "/\xff", 1);
-    EXPECT_FALSE(kyNamedPipeServer().listenUtf8("cannot be in the root"));
+    EXPECT_FALSE(ky::kyNamedPipeServer().listenUtf8("cannot be in the root"));
 }
 
 TEST_F(NamedPipe, TakesANameOverFromWhateverHasIt)
 {
     folder.write("n\u00e4me", "kept: a file that is no socket goes, too");
     kyNamedPipe& accepted = connect();
-    kyNamedPipeServer successor;
+    ky::kyNamedPipeServer successor;
     EXPECT_TRUE(successor.listenUtf8("n\u00e4me"));
     server.closeNamedPipeServer();
     const int free = FreeDescriptor();
@@ -209,7 +212,6 @@ TEST_F(NamedPipe, WaitsOnlyAsLongAsItIsToldAndWhateverSignalsCome)
         EXPECT_TRUE(timedOut && server.processPipeServerEvents(timeoutMs));
         client.processNamedPipeEvents(timeoutMs, true);
         EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(3 * timeoutMs));
-        EXPECT_TRUE(client.isConnected());
     }
     std::thread waiting =
         ky::test::StartUntilAsleep([&] { accepted.processNamedPipeEvents(-1, true); });
@@ -233,7 +235,7 @@ TEST_F(NamedPipe, TakesAnyDescriptorAndRestsWhileThereIsNone)
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "without free descriptors the sanitizer takes readable memory for unreadable";
 #endif
-    ExpectChildPasses([&] {
+    ky::test::ExpectChildPasses([&] {
         const rlimit limit = {1500, 1500};
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
         while (::open("/dev/null", O_RDONLY | O_CLOEXEC) != -1) {

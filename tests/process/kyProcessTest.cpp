@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <climits>
 
-namespace fs = std::filesystem;
 using ky::kyProcess;
 using ky::test::ExpectChildPasses;
 using ky::test::Process;
@@ -92,7 +91,7 @@ TEST_F(Process, WaitsItsTimeThroughSignalsWhateverBecomesOfItsDescriptor)
 TEST_F(Process, DescribesItselfAndItsParent)
 {
     ASSERT_TRUE(kyProcess::GetCurrentProcess(process));
-    EXPECT_EQ(process.getProgramUtf8(), fs::read_symlink("/proc/self/exe"));
+    EXPECT_EQ(process.getProgramUtf8(), std::filesystem::read_symlink("/proc/self/exe"));
     std::string line(1, '\0');
     for (const std::string& argument : process.getArgumentsUtf8())
         line += argument + '\0';
