@@ -298,6 +298,7 @@ void kyLog::RegisterProcessHooks()
         return log != nullptr && log->mThread && !log->mThread->isInherited() ? log->mThread.get()
                                                                               : nullptr;
     };
+    // Under the child's lock, since threads may fork together where there is no log thread.
     static constinit kyLogThread* sLocked = nullptr;
     // Nobody is in the middle of a change of the queue at the fork. The child takes none of the
     // parent's locks ever again.
@@ -306,13 +307,14 @@ void kyLog::RegisterProcessHooks()
             kyLogThread* const thread = threadOfLog();
             if (thread != nullptr)
                 thread->lockForFork();
-            sLocked = thread;
             ChildLock::Take();
+            sLocked = thread;
         },
         [] {
+            kyLogThread* const thread = sLocked;
             ChildLock::Give();
-            if (sLocked != nullptr)
-                sLocked->unlockAfterFork();
+            if (thread != nullptr)
+                thread->unlockAfterFork();
         },
         [] {
             ChildLock::Give();
