@@ -38,6 +38,17 @@ bool Split(const std::string& line, std::vector<std::string>& words)
     return place != Place::InQuotes;
 }
 
+/// Where there is no memory for it, the line goes missing: the split throws nothing.
+template <typename... Texts>
+void LogFailure(const Texts&... texts) noexcept
+{
+    try {
+        (kyLogObject(kyLog::Critical) << ... << texts);
+    } catch (const std::exception&) {
+        // The result tells that the split has failed.
+    }
+}
+
 }  // namespace
 
 bool kyProcess::SplitCommandLine(const std::string& commandLine, std::string& program,
@@ -47,12 +58,11 @@ bool kyProcess::SplitCommandLine(const std::string& commandLine, std::string& pr
     try {
         if (!Split(commandLine, words)) {
             words.clear();
-            kyLogObject(kyLog::Critical)
-                << "Fail to split command line : '" << commandLine << "' : Bad command line";
+            LogFailure("Fail to split command line : '", commandLine, "' : Bad command line");
         }
     } catch (const std::exception&) {
         words.clear();
-        kyLogObject(kyLog::Critical) << "Invalid command line : " << commandLine;
+        LogFailure("Invalid command line : ", commandLine);
     }
     program.clear();
     arguments.clear();
