@@ -1,6 +1,6 @@
 #include "Commands.h"
-#include "Duration.h"
 #include "LocalText.h"
+#include "Quantities.h"
 #include "StandardStreams.h"
 #include "Supervisor.h"
 
@@ -129,8 +129,7 @@ void AddOptions(CLI::App& run, Options& options)
         ->type_name("FILE");
     run.add_option("-m,--memory-limit", options.supervision.memoryLimitBytes,
                    "Kill it when a sample of its resident size is above this, as in 500K or 2G")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::PositiveNumber)
+        ->transform(AsMemorySize())
         ->type_name("BYTES");
     run.add_option("-p,--priority", options.supervision.priority,
                    "low, normal, high (for the privileged) or inherit (the default)")
