@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <regex>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include <signal.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdlib>
 #include <ctime>
 
 using ky::test::ChildResult;
@@ -20,8 +22,9 @@ namespace {
 using Words = std::vector<std::string>;
 
 /// `ky run options -- command`, in `folder`, as a process that would not learn how children end.
-ChildResult RunSupervised(const TemporaryFolder& folder, const Words& options, const Words& command,
-                          bool ignoresInterrupts = false)
+ChildResult RunSupervised(
+    const TemporaryFolder& folder, const Words& options, const Words& command,
+    const std::function<void()>& prepare = [] {})
 {
     Words words = {KY_COMMAND, "run"};
     words.insert(words.end(), options.begin(), options.end());
@@ -30,8 +33,7 @@ ChildResult RunSupervised(const TemporaryFolder& folder, const Words& options, c
         static_cast<void>(::chdir(folder.path("").c_str()));
         ::signal(SIGPIPE, SIG_DFL);  // which tests of the whole library ignore
         ::signal(SIGCHLD, SIG_IGN);
-        if (ignoresInterrupts)
-            ::signal(SIGINT, SIG_IGN);
+        prepare();
     });
 }
 
@@ -147,16 +149,40 @@ TEST(RunCommand, EndsAllThatRunsAtItsLimits)
                        "size [0-9.]+[MG]B \\(sampled every 100 ms\\)"});
 }
 
+TEST(RunCommand, PassesBytesOnThatAreNoText)
+{
+    const TemporaryFolder folder;
+    const std::string name = "\u00e9%41\xff";
+    std::filesystem::create_directory(folder.path(name));
+    const Words options = {"-e", "A=x", "-e", "A=" + name, "-d", name, "-f", "log"};
+    const auto inPlainLocale = [] { ::setenv("LC_ALL", "C", 1); };
+    ChildResult result = RunSupervised(
+        folder, options,
+        {"--", "sh", "-c", "printf '%s|' \"$@\" \"$A\" \"$LC_ALL\" \"${PWD##*/}\"; exit 3", "sh",
+         name, "", "--", "a\nb"},
+        inPlainLocale);
+    EXPECT_EQ(result.exitCode, 3) << result.err;
+    EXPECT_EQ(result.out, name + "||--|a\nb|" + name + "|C|" + name + "|");
+    result = RunSupervised(folder, options, {"--", name}, inPlainLocale);
+    EXPECT_EQ(result.exitCode, 127);
+    EXPECT_EQ(result.err.find("ky: Cannot start " + name + ". System error : '(2) ENOENT "), 0u)
+        << result.err;
+    ExpectLog(folder, {"Started sh -c .* sh \u00e9%41\\? '' -- 'a\\?b' as process [0-9]+",
+                       ".*code 3 .*", "Started \u00e9%41\\? as .*", ".*code 127 .*"});
+}
+
 TEST(RunCommand, EndsItsCommandWhenAskedAndPassesOtherSignalsOn)
 {
     const TemporaryFolder folder;
-    const auto askWith = [&](const std::string& signals, bool ignoresInterrupts = false) {
+    const auto askWith = [&](
+                             const std::string& signals,
+                             const std::function<void()>& prepare = [] {}) {
         std::string script =
             "trap 'exit 5' TERM; trap 'kill $!; exit 6' USR1; sleep 1000 & "
             "until grep -q sleep /proc/$!/comm; do :; done; ";
         for (const std::string& signal : ky::test::Lines(signals))
             script += "kill -" + signal + " $PPID; ";
-        return RunSupervised(folder, {}, Shell(script + "wait"), ignoresInterrupts);
+        return RunSupervised(folder, {}, Shell(script + "wait"), prepare);
     };
     for (const std::string signal : {"INT", "TERM", "HUP", "QUIT"}) {
         const ChildResult result = askWith(signal);
@@ -165,7 +191,7 @@ TEST(RunCommand, EndsItsCommandWhenAskedAndPassesOtherSignalsOn)
     }
     EXPECT_EQ(askWith("USR1").exitCode, 6);
     // Started in the background of a script, say.
-    const ChildResult result = askWith("INT\nUSR1", true);
+    const ChildResult result = askWith("INT\nUSR1", [] { ::signal(SIGINT, SIG_IGN); });
     EXPECT_EQ(result.exitCode, 6);
     EXPECT_EQ(result.err, "");
 }

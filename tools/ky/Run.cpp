@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "LocalText.h"
 #include "Quantities.h"
+#include "SpelledCommand.h"
 #include "StandardStreams.h"
 #include "Supervisor.h"
 
@@ -9,7 +10,9 @@
 #include "ky/kyStringUtils.h"
 #include "ky/kySystem.h"
 
+#include <algorithm>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -37,34 +40,58 @@ const std::map<std::string, kyProcess::ProcessPriority> sPriorities = {
     {"high", kyProcess::High},
     {"inherit", kyProcess::Inherit}};
 
-/// False where the local character set has no such text: it must not become another one.
-bool AddUtf8(const std::vector<std::string>& localTexts, std::vector<std::string>& utf8)
+/// Whether the local character set has such a text, so that the library passes it on as it is.
+bool IsText(const std::string& local)
 {
-    for (const std::string& text : localTexts) {
-        utf8.push_back(ToUtf8(text));
-        if (kyStringUtils::convertCharset(utf8.back(), kyStringUtils::CharSetUtf8,
-                                          kyStringUtils::CharSetLocal8Bit) == text)
-            continue;
-        PrintError("Cannot pass on " + text, EILSEQ);
-        return false;
+    return kyStringUtils::convertCharset(ToUtf8(local), kyStringUtils::CharSetUtf8,
+                                         kyStringUtils::CharSetLocal8Bit) == local;
+}
+
+std::vector<std::string> AllToUtf8(const std::vector<std::string>& localTexts)
+{
+    std::vector<std::string> utf8;
+    std::transform(localTexts.begin(), localTexts.end(), std::back_inserter(utf8), &ToUtf8);
+    return utf8;
+}
+
+/// For people. It makes no line of its own in a log.
+std::string CommandLine(const std::vector<std::string>& words)
+{
+    std::string line;
+    for (const std::string& word : words) {
+        const bool isPlain = !word.empty() && word.find_first_of(" \t\n'\"") == std::string::npos;
+        line += (line.empty() ? "" : " ") + (isPlain ? word : "'" + word + "'");
     }
-    return true;
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == 127; }, '?');
+    return line;
+}
+
+void TakeCommand(const Options& options, const std::vector<std::string>& command,
+                 Supervision& supervision)
+{
+    const auto areTexts = [](const std::vector<std::string>& all) {
+        return std::all_of(all.begin(), all.end(), &IsText);
+    };
+    if (areTexts(command) && areTexts(options.environment) && IsText(options.folder)) {
+        supervision.command = AllToUtf8(command);
+        supervision.environment = AllToUtf8(options.environment);
+        supervision.folder = ToUtf8(options.folder);
+        supervision.title = CommandLine(supervision.command);
+        return;
+    }
+    supervision.command = SpellCommand(command, options.environment, options.folder);
+    supervision.title = kyStringUtils::UnknownEncodingToUtf8(CommandLine(command), '?');
 }
 
 /// The library goes on in the current folder where a program's own is missing; a command that was
 /// to run elsewhere must not.
-bool TakeFolder(const std::string& folder, Supervision& supervision)
+bool IsFolder(const std::string& folder)
 {
-    if (folder.empty())
+    if (folder.empty() || ::access((folder + "/.").c_str(), X_OK) == 0)
         return true;
-    if (::access((folder + "/.").c_str(), X_OK) != 0) {
-        PrintError("Cannot enter " + folder, errno);
-        return false;
-    }
-    std::vector<std::string> utf8;
-    const bool isGood = AddUtf8({folder}, utf8);
-    supervision.folder = utf8.front();
-    return isGood;
+    PrintError("Cannot enter " + folder, errno);
+    return false;
 }
 
 bool InstallLogFile(const std::optional<std::string>& path)
@@ -91,9 +118,8 @@ bool TakeLock(const std::string& path, kyLockFile& lock)
 int RunSupervised(const Options& options, const std::vector<std::string>& command)
 {
     Supervision supervision = options.supervision;
-    if (!AddUtf8(command, supervision.command) ||
-        !AddUtf8(options.environment, supervision.environment) ||
-        !TakeFolder(options.folder, supervision) || !InstallLogFile(options.logFile))
+    TakeCommand(options, command, supervision);
+    if (!IsFolder(options.folder) || !InstallLogFile(options.logFile))
         return sFailure;
     const Requests requests(options.withParent);
     kyLockFile lock;
@@ -163,7 +189,7 @@ void AddRun(CLI::App& app, const std::vector<std::string>& command, int& exitCod
         "too, which then gets both. SIGUSR1 and SIGUSR2 are passed on to it.\n"
         "The resident size is that of the command and all that it has started, sampled every "
         "100 ms; pages that they share count for each. What still runs when the command ends by "
-        "itself is left alone. Arguments must be ones that the local character set can express.");
+        "itself is left alone.");
     const auto options = std::make_shared<Options>();
     options->supervision.graceMs = 5000;
     AddOptions(*run, *options);

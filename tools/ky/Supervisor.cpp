@@ -34,16 +34,6 @@ std::string Size(unsigned long bytes)
     return kyStringUtils::humanizeNumberGeneric(bytes, 3, 1, true, true, false) + "B";
 }
 
-std::string CommandLine(const std::vector<std::string>& words)
-{
-    std::string line;
-    for (const std::string& word : words) {
-        const bool isPlain = !word.empty() && word.find_first_of(" \t\n'\"") == std::string::npos;
-        line += (line.empty() ? "" : " ") + (isPlain ? word : "'" + word + "'");
-    }
-    return line;
-}
-
 /// For the log and for whoever sees standard error.
 void Warn(const std::string& text)
 {
@@ -76,11 +66,11 @@ bool Supervisor::start()
                                                  mSupervision.priority) &&
                            !mProcess.hasFailedToStart();
     if (!isStarted) {
-        Warn("Cannot start " + CommandLine(words));
+        Warn("Cannot start " + mSupervision.title);
         return false;
     }
     kyLogObject(kyLog::Info, sSubType)
-        << "Started " << CommandLine(words) << " as process " << mProcess.getPid();
+        << "Started " << mSupervision.title << " as process " << mProcess.getPid();
     return true;
 }
 

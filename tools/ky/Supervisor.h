@@ -12,6 +12,7 @@ namespace ky::tool {
 
 /// What a command is and may. Texts are UTF-8.
 struct Supervision {
+    std::string title;                 ///< the command, for people
     std::vector<std::string> command;  ///< not empty
     std::string folder;                ///< empty: the current one
     std::vector<std::string> environment;

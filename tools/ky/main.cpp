@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "SpelledCommand.h"
 #include "StandardStreams.h"
 
 #include "ky/kyVersion.h"
@@ -68,6 +69,7 @@ public:
 int main(int argc, char** argv)
 {
     ky::tool::OccupyStandardDescriptors();
+    ky::tool::BecomeSpelledCommand(argv);
     const int mark = PlaceOfMark(argc, argv);
     const int end = RunsProgram(argc, argv) ? mark : argc;
     int exitCode = ky::tool::sSuccess;
