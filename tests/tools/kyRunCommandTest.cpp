@@ -1,4 +1,5 @@
 #include "support/Child.h"
+#include "support/FailingCall.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
@@ -147,6 +150,45 @@ TEST(RunCommand, EndsAllThatRunsAtItsLimits)
     ExpectLog(folder, {"Started sh .*", "A resident size of .* is above .*",
                        "Process [0-9]+ ended by signal 9 \\(SIGKILL\\) after .*, largest resident "
                        "size [0-9.]+[MG]B \\(sampled every 100 ms\\)"});
+}
+
+TEST(RunCommand, GoesOnWhenItIsStuckOrPowerless)
+{
+    const TemporaryFolder folder;
+    const Words options = {"-t", "100ms", "--grace", "100ms", "-f", "log"};
+    ChildResult result = RunSupervised(folder, options, {"--", "sleep", "1000"}, [] {
+        ::signal(SIGTERM, SIG_IGN);  // for the command, too
+        // Nobody reads what it says.
+        int full[2];
+        ASSERT_EQ(::pipe2(full, O_NONBLOCK), 0);
+        while (::write(full[1], "", 1) == 1) {
+        }
+        ::fcntl(full[1], F_SETFL, 0);
+        ::dup2(full[1], STDERR_FILENO);
+    });
+    EXPECT_EQ(result.exitCode, 124);
+
+    result = RunSupervised(folder, options, {"--", "sleep", "1000"},
+                           [] { ky::test::LetCallFail(SYS_kill, EPERM); });
+    EXPECT_EQ(result.exitCode, 124);
+    const std::string log = ky::test::Content(folder.path("log"));
+    const std::string mark = " as process ";
+    ASSERT_NE(log.rfind(mark), std::string::npos) << log;
+    EXPECT_EQ(::kill(std::stoi(log.substr(log.rfind(mark) + mark.size())), SIGKILL), 0)
+        << "was to be left alone";
+
+    result =
+        RunSupervised(folder, {}, Shell(""), [] { ky::test::LetCallFail(SYS_clone3, EAGAIN); });
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(ky::test::Contains(result.err, "ky: Cannot go on. System error : '(11) EAGAIN"))
+        << result.err;
+
+    const std::string start = "Started sleep 1000 as .*";
+    const std::string over = "The time limit of 100ms is over, ending it";
+    const std::string kills = "Not ended 100ms later, killing it";
+    ExpectLog(folder, {start, over, kills, "Process [0-9]+ ended by signal 9 .*", start, over,
+                       kills, "What is left may not be killed, leaving it",
+                       "Process [0-9]+ was left running after .*"});
 }
 
 TEST(RunCommand, PassesBytesOnThatAreNoText)

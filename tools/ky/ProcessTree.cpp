@@ -10,6 +10,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <cerrno>
 
 namespace ky::tool {
 namespace {
@@ -68,10 +69,20 @@ unsigned long ProcessTree::residentBytes() const
     return pages * pageBytes;
 }
 
-void ProcessTree::signal(int number) const
+void ProcessTree::Reach::send(pid_t process, int number)
 {
+    if (::kill(process, number) == 0)
+        ++reached;
+    else if (errno == EPERM)
+        ++refused;
+}
+
+ProcessTree::Reach ProcessTree::signal(int number) const
+{
+    Reach reach;
     for (const pid_t process : list())
-        ::kill(process, number);
+        reach.send(process, number);
+    return reach;
 }
 
 void ProcessTree::Collect(pid_t command)

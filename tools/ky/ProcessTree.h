@@ -18,9 +18,15 @@ public:
     /// Bytes in physical memory of all of them, pages that they share counted for each.
     unsigned long residentBytes() const;
 
-    void signal(int number) const;
+    /// What became of a signal.
+    struct Reach {
+        int reached = 0;
+        int refused = 0;  ///< by the system, for what may not be signalled (kill(2))
+        void send(pid_t process, int number);
+    };
+    Reach signal(int number) const;
 
-    /// Collects those that have ended, except `command`, whose outcome others ask for.
+    /// Collects those that have ended, except `command`, whose outcome others ask for; 0 for none.
     static void Collect(pid_t command);
 
 private:

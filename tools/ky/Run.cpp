@@ -189,7 +189,8 @@ void AddRun(CLI::App& app, const std::vector<std::string>& command, int& exitCod
         "too, which then gets both. SIGUSR1 and SIGUSR2 are passed on to it.\n"
         "The resident size is that of the command and all that it has started, sampled every "
         "100 ms; pages that they share count for each. What still runs when the command ends by "
-        "itself is left alone.");
+        "itself is left alone, and so is what may not be killed, as a program of another user: ky "
+        "then ends with 124 at the time limit, and with 1 otherwise.");
     const auto options = std::make_shared<Options>();
     options->supervision.graceMs = 5000;
     AddOptions(*run, *options);

@@ -2,12 +2,14 @@
 
 #include "ky/SystemError.h"
 
+#include <algorithm>
 #include <iostream>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 #include <cerrno>
+#include <climits>
 
 namespace ky::tool {
 
@@ -24,6 +26,18 @@ void PrintError(const std::string& message, int error)
 {
     // In one piece, so that the lines of parallel runs do not mix.
     std::cerr << "ky: " + message + ". " + SystemError(error).toString() + "\n";
+}
+
+void PrintUnlessStuck(const std::string& text)
+{
+    ::pollfd error = {STDERR_FILENO, POLLOUT, 0};
+    if (::poll(&error, 1, 0) != 1)
+        return;
+    // What is called writable takes that much at once (pipe(7)).
+    std::string line = "ky: " + text;
+    line.resize(std::min<std::size_t>(line.size(), PIPE_BUF - 1));
+    line += '\n';
+    static_cast<void>(::write(STDERR_FILENO, line.data(), line.size()) > 0);
 }
 
 bool WaitWhileBusy(int fd, short events)

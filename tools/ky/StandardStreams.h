@@ -15,6 +15,9 @@ void OccupyStandardDescriptors();
 /// "ky: " + `message` + the text of `error`, on standard error.
 void PrintError(const std::string& message, int error);
 
+/// "ky: " + `text`, on standard error, unless nobody reads there: for who must not be held up.
+void PrintUnlessStuck(const std::string& text);
+
 /// After a read or write that failed: whether it did only because the descriptor is non-blocking,
 /// in which case it is ready again on return.
 bool WaitWhileBusy(int fd, short events);

@@ -1,6 +1,7 @@
 #include "Supervisor.h"
 
 #include "Commands.h"
+#include "StandardStreams.h"
 
 #include "ky/kyLog.h"
 #include "ky/kyStringUtils.h"
@@ -8,7 +9,6 @@
 #include "ky/kyThread.h"
 
 #include <algorithm>
-#include <iostream>
 #include <utility>
 
 #include <signal.h>
@@ -38,7 +38,7 @@ std::string Size(unsigned long bytes)
 void Warn(const std::string& text)
 {
     kyLogObject(kyLog::Warning, sSubType) << text;
-    std::cerr << "ky: " + text + "\n";
+    PrintUnlessStuck(text);
 }
 
 }  // namespace
@@ -79,9 +79,11 @@ void Supervisor::follow()
     for (;;) {
         look();
         const bool hasEnded = mProcess.waitForFinished(msToNextLook());
-        ProcessTree::Collect(mProcess.getPid());
+        // Its number may be that of a process which it has left to us by then.
+        ProcessTree::Collect(hasEnded ? 0 : mProcess.getPid());
         // What a command leaves behind on its own account is its business.
-        if (hasEnded && (mPhase == Phase::Running || mTree.list().empty()))
+        if (mPhase == Phase::Leaving ||
+            (hasEnded && (mPhase == Phase::Running || mTree.list().empty())))
             return;
         if (!hasEnded)
             continue;
@@ -106,14 +108,31 @@ void Supervisor::look()
     }
     // Again and again, for what was started meanwhile.
     if (mPhase == Phase::Killing)
-        signal(SIGKILL);
+        kill();
+}
+
+void Supervisor::kill()
+{
+    const ProcessTree::Reach reach = signal(SIGKILL);
+    if (reach.reached != 0 || reach.refused == 0)
+        return;
+    // It would be waited for without limit.
+    Warn("What is left may not be killed, leaving it");
+    mPhase = Phase::Leaving;
 }
 
 void Supervisor::checkMemory()
 {
     const unsigned long bytes = mTree.residentBytes();
     mLargestBytes = std::max(mLargestBytes, bytes);
-    if (mSupervision.memoryLimitBytes == 0 || bytes <= mSupervision.memoryLimitBytes)
+    mEmptySamples = bytes == 0 && mPhase == Phase::Running ? mEmptySamples + 1 : 0;
+    if (mSupervision.memoryLimitBytes == 0)
+        return;
+    // One that is about to end has none either.
+    constexpr int suspicious = 10;
+    if (mEmptySamples == suspicious)
+        Warn("The resident size cannot be read, the memory limit is not kept");
+    if (bytes <= mSupervision.memoryLimitBytes)
         return;
     Warn("A resident size of " + Size(bytes) + " is above the limit of " +
          Size(mSupervision.memoryLimitBytes) + ", killing it");
@@ -141,12 +160,13 @@ void Supervisor::beginToEnd(const std::string& why)
     signal(SIGCONT);
 }
 
-void Supervisor::signal(int number)
+ProcessTree::Reach Supervisor::signal(int number)
 {
+    ProcessTree::Reach reach = mTree.signal(number);
     // The command is reached without proc(5) too, which no descriptor may be left to read.
-    if (mTree.list().empty() && mProcess.getState() == kyProcess::Running)
-        ::kill(mProcess.getPid(), number);
-    mTree.signal(number);
+    if (reach.reached + reach.refused == 0 && mProcess.getState() == kyProcess::Running)
+        reach.send(mProcess.getPid(), number);
+    return reach;
 }
 
 unsigned long Supervisor::elapsedMs() const
@@ -170,6 +190,8 @@ int Supervisor::exitCode() const
 {
     if (mIsTimedOut)
         return sTimedOut;
+    if (mProcess.getState() == kyProcess::Running)
+        return sFailure;
     const int code = mProcess.exitCode();
     if (!mProcess.hasCrashed())
         return code;
@@ -179,11 +201,13 @@ int Supervisor::exitCode() const
 void Supervisor::logEnd() const
 {
     const int code = mProcess.exitCode();
-    std::string how = "with exit code " + std::to_string(code);
-    if (mProcess.hasCrashed()) {
+    std::string how = "ended with exit code " + std::to_string(code);
+    if (mProcess.getState() == kyProcess::Running) {
+        how = "was left running";
+    } else if (mProcess.hasCrashed()) {
         const char* const name = ::sigabbrev_np(code);
-        how = code == 0 ? "in an unknown way"
-                        : "by signal " + std::to_string(code) +
+        how = code == 0 ? "ended in an unknown way"
+                        : "ended by signal " + std::to_string(code) +
                               (name != nullptr ? std::string(" (SIG") + name + ")" : "");
     }
     const std::string size = mLargestBytes == 0 ? ", before the first sample of its resident size"
@@ -192,7 +216,7 @@ void Supervisor::logEnd() const
                                                       std::to_string(sSamplePeriodMs) + " ms)";
     const bool isGood = code == 0 && !mProcess.hasCrashed() && mPhase == Phase::Running;
     kyLogObject(isGood ? kyLog::Info : kyLog::Warning, sSubType)
-        << "Process " << mProcess.getPid() << " ended " << how << " after " << Duration(elapsedMs())
+        << "Process " << mProcess.getPid() << ' ' << how << " after " << Duration(elapsedMs())
         << size;
 }
 

@@ -33,7 +33,7 @@ public:
     int run();
 
 private:
-    enum class Phase { Running, Ending, Killing };
+    enum class Phase { Running, Ending, Killing, Leaving };
 
     bool start();
     void follow();
@@ -41,7 +41,8 @@ private:
     void checkLimits();
     void checkMemory();
     void beginToEnd(const std::string& why);
-    void signal(int number);
+    void kill();
+    ProcessTree::Reach signal(int number);
     unsigned long elapsedMs() const;
     unsigned int msToNextLook() const;
     int exitCode() const;
@@ -54,6 +55,7 @@ private:
     Phase mPhase = Phase::Running;
     bool mIsTimedOut = false;
     bool mIsAskedAgain = false;
+    int mEmptySamples = 0;  // in a row
     unsigned long mStartMs = 0;
     unsigned long mKillAtMs = 0;  // since the start
     unsigned long mLargestBytes = 0;

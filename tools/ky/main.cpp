@@ -9,6 +9,7 @@
 #include <new>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -98,6 +99,10 @@ int main(int argc, char** argv)
             return ky::tool::sUsageError;
     } catch (const std::bad_alloc&) {
         ky::tool::PrintError("Out of memory", ENOMEM);
+        return ky::tool::sFailure;
+    } catch (const std::system_error& refusal) {
+        // Of a thread, where a user may have no more.
+        ky::tool::PrintError("Cannot go on", refusal.code().value());
         return ky::tool::sFailure;
     }
     return output.reportFailure() ? ky::tool::sFailure : exitCode;
