@@ -37,8 +37,8 @@ public:
 /// `exception::impl::ExecGuardedCode` tells, and ends the thread; later jobs stay in the queue. A
 /// stopped thread cannot be started again.
 ///
-/// In a forked child there is no worker: brackets and `stop` lock nothing and do nothing else, and
-/// what is queued can be cleared.
+/// In a forked child there is no worker: brackets, `addJob` and `stop` do nothing. What is queued
+/// can be cleared there, unless a thread had the queue at the fork: then it is forgotten.
 class KY_API kyWorkThread : public kyThread {
 public:
     kyWorkThread();

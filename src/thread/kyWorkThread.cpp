@@ -7,7 +7,19 @@
 
 namespace ky {
 namespace {
+
 constexpr unsigned long sNoTimeLimit = ~0UL;
+
+/// In a forked child. What another thread was changing at the fork is in no state to be used, or
+/// freed. The mutex tells: nobody is there to release it.
+void LeaveBrokenQueue(kyMutex& mutex, std::deque<kyJob*>& queue)
+{
+    if (mutex.tryLock())
+        mutex.unlock();
+    else
+        (new std::deque<kyJob*>)->swap(queue);
+}
+
 }  // namespace
 
 kyJob::~kyJob() = default;
@@ -20,6 +32,8 @@ kyWorkThread::~kyWorkThread()
 {
     // Before the mutexes go; the base class would join after that.
     kyWorkThread::stop();
+    if (isFromParent())
+        LeaveBrokenQueue(mQueueMutex, mQueue);
 }
 
 /// Unlike `isInherited` it stays true when a child starts the thread: the mutexes are the parent's
@@ -37,7 +51,8 @@ void kyWorkThread::beginWake()
 
 void kyWorkThread::addJob(kyJob* job)
 {
-    mQueue.push_back(job);
+    if (!isFromParent())
+        mQueue.push_back(job);
 }
 
 void kyWorkThread::endWake()
@@ -55,6 +70,8 @@ void kyWorkThread::endWake()
 
 void kyWorkThread::clearJobs()
 {
+    if (isFromParent())
+        LeaveBrokenQueue(mQueueMutex, mQueue);
     while (!mQueue.empty()) {
         // Out first: the job may be gone after the call.
         kyJob* const job = mQueue.front();

@@ -21,8 +21,13 @@ struct WorkThread : ky::test::FullLibrary {};
 
 struct Job : kyJob {
     explicit Job(std::function<void()> work) : mWork(std::move(work)) {}
-    void onDelete() override { delete this; }
+    void onDelete() override
+    {
+        EXPECT_EQ(::getpid(), mProcess) << "the queue was in use at the fork";
+        delete this;
+    }
     const std::function<void()> mWork;
+    const pid_t mProcess = ::getpid();
 };
 
 struct Worker : kyWorkThread {
