@@ -4,6 +4,7 @@
 #include "ky/kyThread.h"
 
 #include "frame/ProcessId.h"
+#include "frame/Undisturbed.h"
 #include "thread/LockDepth.h"
 #include "thread/ProcessPool.h"
 
@@ -186,6 +187,8 @@ void ConcurrentPool::RunInChild(SolverIterator begin, SolverIterator end)
 
 void ConcurrentPool::handOut(const std::vector<SolverBase*>& solvers)
 {
+    // Cancelled, a waiting thread would take the stack away from under the workers.
+    const impl::Undisturbed undisturbed;
     HandOut handOut{solvers};
     const kyMutexLocker lock(mMutex);
     mOpen.push_back(&handOut);
