@@ -8,11 +8,8 @@
 #include <utf8.h>
 
 #include <atomic>
-#include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -61,28 +58,20 @@ void Restart(const char* locale)
 TEST_F(Charset, ConvertsInOneCallOrNotAtAll)
 {
     EXPECT_EQ(ToAscii("é\0b"s), "?\0b"s);
-    EXPECT_EQ(ToAscii("\xEF\xBB\xBF€"), "EUR");
     EXPECT_EQ(ToAscii("½"), " 1/2 ");  // with its zero 6 bytes, twice the 3 of the input
     EXPECT_EQ(ToAscii("½½"), "");      // 11 bytes, more than twice 5
     EXPECT_EQ(kyStringUtils::convertTo8Bits(L"½½½½", sAscii), " 1/2  1/2  1/2  1/2 ");
-    EXPECT_EQ(kyStringUtils::convertCharset("a\0b"s, sAscii, sUtf8), "a\0b"s);
-    EXPECT_EQ(kyStringUtils::convertCharset("a\xE9", sAscii, sUtf8), "");
+    EXPECT_EQ(kyStringUtils::convertCharset("a", sUtf8, sUtf8), "") << "kept: no such pair";
     EXPECT_EQ(kyStringUtils::convertCharset("a", sUtf8, kyStringUtils::kyCharSet(3)), "");
     for (std::size_t size = 0; size < 140; ++size)
         EXPECT_EQ(ToAscii(std::string(size, 'a') + '\x80'), "") << size;
-}
 
-TEST_F(Charset, ConvertsWideText)
-{
-    const std::wstring wide(L"a\0é€🙂", 5);
-    EXPECT_EQ(kyStringUtils::convertToUnicode("a\0é€🙂"s, sUtf8), wide);
-    EXPECT_EQ(kyStringUtils::convertTo8Bits(wide, sUtf8), "a\0é€🙂"s);
-    EXPECT_EQ(kyStringUtils::convertToUnicode("a\xFF", sUtf8), L"");
-    EXPECT_EQ(kyStringUtils::convertTo8Bits(std::wstring(1, wchar_t{0xD800}), sUtf8), "?");
     // Longer than the room that a thread keeps.
-    const std::wstring longText(300000, L'é');
-    const std::string narrow = kyStringUtils::convertTo8Bits(longText, sUtf8);
-    EXPECT_EQ(kyStringUtils::convertToUnicode(narrow, sUtf8), longText);
+    const std::wstring wide = std::wstring(L"a\0é€🙂", 5) + std::wstring(300000, L'é');
+    const std::string narrow = kyStringUtils::convertTo8Bits(wide, sUtf8);
+    EXPECT_TRUE(narrow.starts_with("a\0é€🙂é"s));
+    EXPECT_EQ(kyStringUtils::convertToUnicode(narrow, sUtf8), wide);
+    EXPECT_EQ(kyStringUtils::convertToUnicode("a\xFF", sUtf8), L"");
 }
 
 TEST(CharsetOfTheEnvironment, IsReadWhenAThreadOpensItsConverters)
@@ -92,10 +81,7 @@ TEST(CharsetOfTheEnvironment, IsReadWhenAThreadOpensItsConverters)
         EXPECT_EQ(kyStringUtils::convertCharset("\xEF\xBB\xBFé€", sUtf8, sLocal), "\xEF\xBB\xBFé€");
         EXPECT_EQ(kyStringUtils::convertCharset("é\xFF", sUtf8, sLocal), "");
         EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C");
-    });
-    ExpectChildPasses([] {
         Restart("C");
-        EXPECT_EQ(kyStringUtils::convertCharset("\xE9", sLocal, sUtf8), "");
         ::setenv("LC_ALL", "C.UTF-8", 1);
         std::thread([] { kyStringUtils::InitializeForThread(); }).join();
         EXPECT_EQ(ky::impl::GetProcessCodeset(), "UTF-8");
@@ -105,27 +91,13 @@ TEST(CharsetOfTheEnvironment, IsReadWhenAThreadOpensItsConverters)
             << "kept converters of an earlier life";
         // One category that names no locale: the codeset is that of the process.
         ::unsetenv("LC_ALL");
-        ::setenv("LC_CTYPE", "C.UTF-8", 1);
         ::setenv("LC_TIME", "no_SUCH.locale", 1);
         std::thread([] { kyStringUtils::InitializeForThread(); }).join();
         EXPECT_EQ(ky::impl::GetProcessCodeset(), "ANSI_X3.4-1968");
     });
 }
 
-TEST(CharsetOfTheEnvironment, KeepsAllTextThatIsValidInIt)
-{
-    const ky::test::TemporaryFolder folder;
-    ky::test::RunCommand({"localedef", "-i", "en_US", "-f", "ISO-8859-15", folder.path("local")});
-    if (!std::filesystem::exists(folder.path("local/LC_CTYPE")))
-        GTEST_SKIP() << "no localedef, or no sources for en_US in ISO-8859-15";
-    ExpectChildPasses([&folder] {
-        ::setenv("LOCPATH", folder.path("").c_str(), 1);
-        Restart("local");
-        EXPECT_EQ(kyStringUtils::UnknownEncodingToUtf8("\xA4\xA4\xA4", '#'), "€€€");
-    });
-}
-
-TEST(CharsetConverter, CopiesAsciiOnlyBetweenSetsThatAgreeOnIt)
+TEST(CharsetConverter, KnowsWhatSetsMakeOfAsciiAndLeavesNoShiftOpen)
 {
     const auto copies = [](const std::string& target, const char* source) {
         ky::impl::Converter converter;
@@ -136,41 +108,24 @@ TEST(CharsetConverter, CopiesAsciiOnlyBetweenSetsThatAgreeOnIt)
     EXPECT_TRUE(copies("SHIFT_JIS", "UTF-8") && copies("UTF-8", "GB18030"));
     EXPECT_FALSE(copies("UTF-8", "SHIFT_JIS") || copies("UTF-8", "ISO-2022-JP"));
     EXPECT_FALSE(copies("UTF-7", "UTF-8") || copies("UTF-8", "UTF-7"));
-}
 
-TEST(CharsetConverter, ConvertsATextWhateverTheLastOneLeft)
-{
-    const auto convertLast = [](const char* target, const char* source,
-                                const std::vector<std::string>& texts) {
-        ky::impl::Converter converter;
-        converter.open(target + "//TRANSLIT//IGNORE"s, source);
-        std::size_t size = 0;
-        char out[16];
-        for (const std::string& text : texts)
-            size = converter.convert(text.data(), text.size(), out, sizeof out);
-        return size != ky::impl::Converter::sFailed ? std::string(out, size) : "failed";
-    };
-    // A shift left open, half a letter.
-    EXPECT_EQ(convertLast("UTF-8", "ISO-2022-JP", {"\x1B$B0l", "00"}), "00");
-    EXPECT_EQ(convertLast("ISO-8859-15", "UTF-8", {"a", "a\xC3", "b"}), "b");
+    ky::impl::Converter converter;
+    converter.open("UTF-8//TRANSLIT//IGNORE", "ISO-2022-JP");
+    char out[16] = {};
+    converter.convert("\x1B$B0l", 5, out, sizeof out);
+    EXPECT_EQ(converter.convert("00", 2, out, sizeof out), 2u);
 }
 
 TEST(CharsetLife, GivesEmptyTextsOutsideInitialisation)
 {
-    const auto expectNothing = [] {
-        EXPECT_FALSE(ky::impl::IsStringUtilsInitialized());
-        EXPECT_FALSE(kyStringUtils::TerminateStringUtils());
-        EXPECT_EQ(ToAscii("abc"), "");
-        EXPECT_EQ(kyStringUtils::convertToUnicode("abc", sUtf8), L"");
-        EXPECT_EQ(kyStringUtils::convertTo8Bits(L"abc", sUtf8), "");
-        EXPECT_EQ(kyStringUtils::UnknownEncodingToUtf8("a\xFF", '#'), "a#");
-    };
-    expectNothing();
     EXPECT_TRUE(kyStringUtils::InitializeStringUtils());
     EXPECT_FALSE(kyStringUtils::InitializeStringUtils());
-    EXPECT_EQ(::strtod_l("1.5", nullptr, *kyStringUtils::msCLocale), 1.5);
     EXPECT_TRUE(kyStringUtils::TerminateStringUtils());
-    expectNothing();
+    EXPECT_FALSE(kyStringUtils::TerminateStringUtils());
+    EXPECT_EQ(ToAscii("abc"), "");
+    EXPECT_EQ(kyStringUtils::convertToUnicode("abc", sUtf8), L"");
+    EXPECT_EQ(kyStringUtils::convertTo8Bits(L"abc", sUtf8), "");
+    EXPECT_EQ(kyStringUtils::UnknownEncodingToUtf8("a\xFF", '#'), "a#");
 }
 
 std::string sConvertedMeanwhile;
@@ -209,16 +164,12 @@ TEST_F(Charset, OpensConvertersInAChildForkedWhileOthersOpenTheirs)
 }
 #endif
 
-TEST_F(Charset, MakesValidUtf8OfAnything)
+TEST_F(Charset, MakesAndCountsValidUtf8)
 {
     EXPECT_EQ(kyStringUtils::UnknownEncodingToUtf8("é\0ß"s, '?'), "é\0ß"s);
     EXPECT_EQ(kyStringUtils::UnknownEncodingToUtf8("a\xE9z\xFF\xFE!", '#'), "a#z##!");
     EXPECT_EQ(kyStringUtils::UnknownEncodingToUtf8("a\xE9z\xFF\xFE!", '\0'), "az!");
     EXPECT_EQ(kyStringUtils::UnknownEncodingToUtf8("é\xC3", '\xE9'), "é?");
-}
-
-TEST(Utf8Check, CountsCodePointsOrThrowsTheOneException)
-{
     EXPECT_EQ(kyStringUtils::CountUtf8Char("aé€🙂\xEF\xBF\xBF"), 5u);
     // A stray byte, a cut form, a surrogate.
     for (const char* const text : {"a\x80", "a\xE2\x82", "\xED\xA0\x80"}) {
