@@ -12,7 +12,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
-#include <cstdlib>
 
 namespace fs = std::filesystem;
 using ky::kyDirUtils;
@@ -29,7 +28,7 @@ struct ClearFolder : ky::test::LightLibrary {
         fs::create_directory(target);
     }
 
-    void expectVictimWhole() const { EXPECT_TRUE(fs::exists(victim + "/sub/file")); }
+    ~ClearFolder() override { EXPECT_TRUE(fs::exists(victim + "/sub/file")); }
 
     const ky::test::TemporaryFolder folder;
     const std::string target = folder.path("target");
@@ -47,21 +46,6 @@ private:
     const std::function<bool()> mAnswer;
 };
 
-/// Makes a chain of folders with a fork at the end, by descriptors since no path could name that.
-void MakeChain(const std::string& path, int depth)
-{
-    int parent = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (int level = 0; level < depth; ++level) {
-        ASSERT_EQ(::mkdirat(parent, "d", 0777), 0);
-        const int child = ::openat(parent, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        ::close(parent);
-        parent = child;
-    }
-    for (const char* name : {"a", "b", "a/a", "b/b"})
-        ASSERT_EQ(::mkdirat(parent, name, 0777), 0);
-    ::close(parent);
-}
-
 }  // namespace
 
 TEST_F(ClearFolder, RemovesItsOwnEntriesOnlyWhateverTheyAreAndAreCalled)
@@ -70,91 +54,73 @@ TEST_F(ClearFolder, RemovesItsOwnEntriesOnlyWhateverTheyAreAndAreCalled)
         const std::string sub = target + "/\xC3\xA9\xFF";
         fs::create_directory(sub);
         for (const std::string& place : {target, sub}) {
-            const std::string links[] = {victim, "/", "..", ".", "0", "nowhere"};
-            for (const std::string& to : links)
-                fs::create_symlink(to, place + "/" + std::to_string(&to - links));
-            for (const std::string& name : {std::string(255, 'x'), std::string("a\nb"),
-                                            std::string("\xFF"), std::string("...")})
+            for (const std::string& to : {victim, std::string("..")})
+                fs::create_symlink(to, place + "/" + std::to_string(to.size()));
+            for (const std::string& name : {std::string(255, 'x'), std::string("a\nb\xFF")})
                 ASSERT_EQ(::mkfifo((place + "/" + name).c_str(), 0666), 0);
-            fs::create_hard_link(victim + "/sub/file", place + "/hard");
         }
-        EXPECT_TRUE(kyDirUtils::ClearFolderUtf8(target, false, &error)) << error;
+        EXPECT_TRUE(kyDirUtils::ClearFolderUtf8(target, false, &error) && error.empty());
         EXPECT_TRUE(fs::is_empty(target));
-        EXPECT_EQ(error, "");
-
         // Missing, no folder, or not to be named in the local set.
         for (const std::string& path :
              {folder.path("none"), victim + "/sub/file", victim + "\u00e9"})
             EXPECT_TRUE(kyDirUtils::ClearFolderUtf8(path, true, &error));
-        expectVictimWhole();
-
-        // A link that is given itself is followed, and then is no folder to remove.
-        fs::create_directory(target + "/sub");
-        fs::create_symlink(target, folder.path("link"));
-        EXPECT_FALSE(kyDirUtils::ClearFolderUtf8(folder.path("link"), true, &error));
-        EXPECT_EQ(error, "rmdir error " + ErrorText(ENOTDIR) + " for " + folder.path("link"));
-        EXPECT_TRUE(fs::is_empty(target));
     });
 }
 
 TEST_F(ClearFolder, NamesTheFirstThatItCannotRemove)
 {
     // Bytes that are no text stand in the message as they are.
-    const std::string sub = target + "/\xFF";
-    const std::string file = target + "/file";
-    const struct {
-        const char* call;
-        int errorNumber;
-        const std::string& path;
-        std::function<void()> meddle;
-    } rows[] = {
-        {"unlink", ENOENT, file, [&] { fs::remove(file); }},
-        {"opendir", ENOENT, sub, [&] { fs::remove(sub); }},
-        {"rmdir", ENOTEMPTY, sub, [&] { folder.write("target/\xFF/late", ""); }},
-    };
-    for (const auto& row : rows)
+    const std::string entry = target + "/\xFF";
+    for (const std::string call : {"unlink", "opendir", "rmdir"})
         for (const bool isCanceled : {false, true}) {
-            SCOPED_TRACE(row.call);
-            fs::create_directories(&row.path == &sub ? sub : target);
-            if (&row.path == &file)
-                folder.write("target/file", "");
-            bool isDone = false;
+            SCOPED_TRACE(call);
+            fs::create_directories(call == "unlink" ? target : entry);
+            if (call == "unlink")
+                folder.write("target/\xFF", "");
             const Meddler cancel([&] {
-                if (row.errorNumber == ENOTEMPTY || !std::exchange(isDone, true))
-                    row.meddle();
+                if (call == "rmdir")
+                    folder.write("target/\xFF/late", "");
+                else
+                    fs::remove(entry);
                 return isCanceled && !error.empty();
             });
             EXPECT_FALSE(kyDirUtils::ClearFolderUtf8(target, true, &error, &cancel));
-            EXPECT_EQ(errno, row.errorNumber);
-            EXPECT_EQ(error, isCanceled ? "Canceled"
-                                        : row.call + (" error " + ErrorText(row.errorNumber)) +
-                                              " for " + row.path);
-            EXPECT_TRUE(!isCanceled || fs::exists(target));
+            const int errorNumber = call == "rmdir" ? ENOTEMPTY : ENOENT;
+            EXPECT_EQ(errno, errorNumber);
+            EXPECT_EQ(error, isCanceled
+                                 ? "Canceled"
+                                 : call + " error " + ErrorText(errorNumber) + " for " + entry);
             fs::remove_all(target);
         }
 }
 
 TEST_F(ClearFolder, AsksForEachEntryAndAfterEachFolderWhetherToStop)
 {
-    constexpr int questions = (2 + 2 + 1) + (2 + 3 + 1);
+    constexpr int questions = (2 + 2 + 1) + (2 + 1 + 1);
     for (int firstYes = 1; firstYes <= questions + 1; ++firstYes) {
         SCOPED_TRACE(firstYes);
         fs::create_directories(target + "/sub");
-        for (const char* name : {"target/sub/a", "target/sub/b", "target/sub/c", "target/file"})
-            folder.write(name, "");
+        folder.write("target/sub/a", "");
+        folder.write("target/file", "");
         int asked = 0;
         const Meddler cancel([&] { return ++asked >= firstYes; });
         const bool isCleared = kyDirUtils::ClearFolderUtf8(target, true, &error, &cancel);
-        EXPECT_EQ(isCleared, firstYes > questions);
+        EXPECT_EQ(isCleared, firstYes > questions) << asked;
         EXPECT_EQ(error, isCleared ? "" : "Canceled");
         EXPECT_EQ(fs::exists(target), !isCleared);
-        EXPECT_TRUE(firstYes < questions || asked == questions) << asked;
     }
 }
 
 TEST_F(ClearFolder, GoesToAnyDepthWithFewDescriptorsAndNotOutByAFolderThatWasMoved)
 {
-    MakeChain(target, 2100);  // longer than any path
+    // A chain longer than any path could name.
+    int parent = ::open(target.c_str(), O_RDONLY | O_CLOEXEC);
+    for (int level = 0; level < 2100; ++level) {
+        ASSERT_EQ(::mkdirat(parent, "d", 0777), 0);
+        ::close(std::exchange(parent, ::openat(parent, "d", O_RDONLY | O_CLOEXEC)));
+    }
+    ::close(parent);
     ky::test::ExpectChildPasses([&] {
         const rlimit few = {64, 64};
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
@@ -167,8 +133,6 @@ TEST_F(ClearFolder, GoesToAnyDepthWithFewDescriptorsAndNotOutByAFolderThatWasMov
         });
         EXPECT_FALSE(kyDirUtils::ClearFolderUtf8(target, true, &error, &cancel));
         EXPECT_EQ(error, "opendir error " + ErrorText(ENOENT) + " for " + target);
-        expectVictimWhole();
-
         fs::rename(victim + "/d", target + "/d");
         EXPECT_TRUE(kyDirUtils::ClearFolderUtf8(target, true, &error)) << error.substr(0, 99);
     });
@@ -189,5 +153,4 @@ TEST_F(ClearFolder, StaysInsideWhenAFolderThatWasReadBecomesALink)
     EXPECT_TRUE(kyDirUtils::ClearFolderUtf8(target, true, &error, &cancel)) << error;
     EXPECT_TRUE(fs::is_directory(fs::symlink_status(folder.path("link"))));
     EXPECT_FALSE(fs::exists(target));
-    expectVictimWhole();
 }
