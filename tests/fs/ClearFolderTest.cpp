@@ -99,14 +99,13 @@ TEST_F(ClearFolder, AsksForEachEntryAndAfterEachFolderWhetherToStop)
 {
     constexpr int questions = (2 + 2 + 1) + (2 + 1 + 1);
     for (int firstYes = 1; firstYes <= questions + 1; ++firstYes) {
-        SCOPED_TRACE(firstYes);
         fs::create_directories(target + "/sub");
         folder.write("target/sub/a", "");
         folder.write("target/file", "");
         int asked = 0;
         const Meddler cancel([&] { return ++asked >= firstYes; });
         const bool isCleared = kyDirUtils::ClearFolderUtf8(target, true, &error, &cancel);
-        EXPECT_EQ(isCleared, firstYes > questions) << asked;
+        EXPECT_EQ(isCleared, firstYes > questions) << firstYes << " of " << asked;
         EXPECT_EQ(error, isCleared ? "" : "Canceled");
         EXPECT_EQ(fs::exists(target), !isCleared);
     }
@@ -151,6 +150,5 @@ TEST_F(ClearFolder, StaysInsideWhenAFolderThatWasReadBecomesALink)
         return false;
     });
     EXPECT_TRUE(kyDirUtils::ClearFolderUtf8(target, true, &error, &cancel)) << error;
-    EXPECT_TRUE(fs::is_directory(fs::symlink_status(folder.path("link"))));
     EXPECT_FALSE(fs::exists(target));
 }
