@@ -58,6 +58,7 @@ TEST_F(DirUtils, TellsWhatAnEntryIs)
             << row.path;
         EXPECT_EQ(kyDirUtils::FileExistsUtf8(row.path), row.exists) << row.path;
         EXPECT_EQ(kyDirUtils::DirExistsUtf8(row.path), row.isDir) << row.path;
+        EXPECT_FALSE(kyDirUtils::IsNetworkPath(row.path)) << row.path;
     }
     const timespec times[] = {{1, 0}, {2, 0}};
     ::utimensat(AT_FDCWD, file.c_str(), times, 0);
@@ -182,7 +183,6 @@ TEST_F(DirUtils, CopiesBytes)
         EXPECT_EQ(error, row.error);
     }
     EXPECT_TRUE(Content(source) == bytes && Content(destination) == bytes);
-    EXPECT_TRUE(fs::is_empty(folder.path("empty")));
 }
 
 TEST_F(DirUtils, RenamesAndRemoves)

@@ -51,7 +51,7 @@ TEST_F(DataStream, LaysOutEveryTypeInBothOrders)
     int number = 0x01020304;
     EXPECT_TRUE(stream.write4BytesBigEndian(reinterpret_cast<char*>(&number)));
     EXPECT_EQ(number, 0x01020304) << "the caller's value was reversed";
-    stream << "";
+    stream << static_cast<const char*>(nullptr);
     EXPECT_EQ(device.content.substr(5), "\0\0\0\0"s);
 }
 
@@ -94,7 +94,9 @@ TEST_F(DataStream, DoesNothingWithoutADevice)
     stream << 1 << "text" >> text;
     EXPECT_TRUE(text.empty() && !stream.isOk());
     stream.setIoDevice(nullptr, sBig);
-    EXPECT_FALSE(stream.writeRawData(text.data(), 1));
+    EXPECT_FALSE(stream.writeRawData("x", 1));
+    stream.setIoDevice(nullptr, sBig);
+    EXPECT_TRUE(stream.readRawBytes(text.data(), 1) == 0 && !stream.isOk());
 }
 
 TEST_F(DataStream, TrustsNoLengthAndRefusesTextsThatHaveNone)

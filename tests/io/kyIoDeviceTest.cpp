@@ -24,25 +24,24 @@ TEST_F(IoDevice, KeepsTheFirstErrorAndLogsItEveryTime)
     ky::kyIoDeviceDummy device;
     for (const char* message : {"", "second"}) {
         device.setDeviceError(message);
-        const std::string line = console.take();
-        EXPECT_TRUE(line.ends_with(" : kyIoDevice error :  unknown device error\n")) << line;
+        EXPECT_TRUE(console.take().ends_with(" : kyIoDevice error :  unknown device error\n"));
     }
     EXPECT_EQ(device.writeBytes("y", 1), 1u) << "kept: an error does not stop it";
     device.clearDeviceError();
+    device << static_cast<const char*>(nullptr);
     EXPECT_EQ(device.readBytes(nullptr, 1), 0u);
     EXPECT_EQ(device.getDeviceErrorMsg(), "Read is not supported");
 }
 
 TEST_F(IoDevice, TransfersInPiecesAndBlamesTheSource)
 {
-    NotingDevice source("head" + std::string((4 << 20) + 1, 'x'));
-    EXPECT_EQ(source.skipBytes(4), 4u);
+    NotingDevice source(std::string((4 << 20) + 1, 'x'));
     NotingDevice target;
     unsigned long written = 7;
     std::vector<char> buffer(10 << 20);
     EXPECT_TRUE(source.writeBackToDevice(target, &written, &buffer));
     EXPECT_EQ(written, (4ul << 20) + 1);
-    EXPECT_TRUE(target.content == source.content.substr(4));
+    EXPECT_TRUE(target.content == source.content);
     EXPECT_EQ(buffer.size(), 4u << 20);
     source.position -= 5000;
     EXPECT_EQ(source.skipBytes(10000), 5000u);
@@ -50,7 +49,6 @@ TEST_F(IoDevice, TransfersInPiecesAndBlamesTheSource)
     source.position = 0;
     EXPECT_FALSE(source.writeBackToDevice(refusing, &written));
     EXPECT_EQ(source.getDeviceErrorMsg(), "Destination device is in error");
-    EXPECT_EQ(written, (4ul << 20) + 1) << "touched";
 }
 
 TEST_F(IoDevice, EndsTransfersAndLoadsOnEveryKindOfDevice)
@@ -72,7 +70,6 @@ TEST_F(IoDevice, EndsTransfersAndLoadsOnEveryKindOfDevice)
         {proxy, "", "std sub stream is in error after a read : istream bad bit is set"},
     };
     for (const auto& [device, content, error] : rows) {
-        SCOPED_TRACE(error);
         NotingDevice target;
         EXPECT_EQ(device.writeBackToDevice(target, nullptr), error.empty());
         EXPECT_EQ(device.getDeviceErrorMsg(), error);
@@ -91,18 +88,14 @@ TEST_F(IoDevice, ProxiesLeaveStreamsUsableAtTheirEnd)
     std::stringstream text("0123456789");
     text.exceptions(everything);
     kyIoDeviceStdStreamProxy input(static_cast<std::istream*>(&text));
+    kyIoDeviceStdStreamProxy output(static_cast<std::ostream*>(&text));
     EXPECT_EQ(Read(input, 99), "0123456789");
     // kept: whatever is no beginning and no current position is the end.
     EXPECT_TRUE(input.seek(-3, static_cast<Access::SeekStart>(7)));
-    EXPECT_EQ(Read(input, 2), "78");
-
-    std::stringstream sink;
-    kyIoDeviceStdStreamProxy output(static_cast<std::ostream*>(&sink));
-    sink.peek();
+    EXPECT_EQ(Read(input, 99), "789");
     EXPECT_EQ(output.writeBytes("abc", 3), 3u);
-    sink.exceptions(everything);
-    EXPECT_EQ(sink.str(), "abc") << "lost at the end of the file";
-    sink.setstate(std::ios_base::failbit);
+    EXPECT_EQ(text.str(), "abc3456789") << "lost at the end of the file";
+    text.setstate(std::ios_base::failbit);
     EXPECT_EQ(output.writeBytes("d", 1), 0u);
     EXPECT_EQ(output.getDeviceErrorMsg(),
               "std sub stream is in error after a write : ostream fail and/or bad bit is set");
@@ -137,4 +130,9 @@ TEST_F(IoDevice, SeeksWithinBytesAndStopsAtTheirEnds)
     EXPECT_EQ(null.getCurrentPos(), -1);
     EXPECT_FALSE(null.seek(0, static_cast<Access::SeekStart>(3)));
     EXPECT_EQ(null.getDeviceErrorMsg(), "Unhandled seekp enum");
+    ky::kyIoDeviceNullWriteOnly sink;
+    ky::kyIoDeviceByteContainerReadOnly bytes(nullptr, 0);
+    EXPECT_EQ(sink.readBytes(nullptr, 1) + bytes.writeBytes("y", 1), 0u);
+    EXPECT_EQ(sink.getDeviceErrorMsg(), "readBytes is not supported");
+    EXPECT_EQ(bytes.getDeviceErrorMsg(), "Write is not supported");
 }

@@ -56,6 +56,7 @@ std::vector<int> sAsked;
 
 TEST(Random, AsksTheGeneratorInForceInPiecesAndWritesTwoDigitsAByte)
 {
+    sAsked.clear();
     const auto defaultRand = kyRandomUtils::SetRandGenerator([](unsigned char*, int length) {
         sAsked.push_back(length);
         return sAsked.size() == 3 ? 0 : 7;

@@ -4,18 +4,21 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <clocale>
 #include <cmath>
 #include <string>
+
+#include <dlfcn.h>
+#include <clocale>
 
 static char sSeparatorOfLocale[] = "'_";
 
 /// Stands before the C library's function: no locale with a separator need be installed.
 extern "C" lconv* localeconv() noexcept
 {
-    static lconv conventions = {};
-    conventions.thousands_sep = sSeparatorOfLocale;
-    return &conventions;
+    static const auto system = reinterpret_cast<lconv* (*)()>(::dlsym(RTLD_NEXT, "localeconv"));
+    lconv* const conventions = system();  // which the system fills in at every call
+    conventions->thousands_sep = sSeparatorOfLocale;
+    return conventions;
 }
 
 namespace {
@@ -42,6 +45,7 @@ TEST(NumberText, HumanizesNumbers)
 {
     // Digits, decimals, binary, big prefixes, small prefixes.
     const auto text = kyStringUtils::humanizeNumberGeneric<double>;
+    EXPECT_EQ(text(-0.0, 3, 2, false, true, true), "0");
     EXPECT_EQ(text(-0.0025, 3, 2, false, false, true), "-2.5m");
     EXPECT_EQ(text(-0.001, 3, 2, false, true, false), "-0");
     EXPECT_EQ(text(999970, 3, 2, false, true, false), "1000k");

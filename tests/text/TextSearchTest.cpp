@@ -52,6 +52,7 @@ TEST(TextSearch, FindsInBothWaysFromAPosition)
     EXPECT_FALSE(kyStringUtils::Contains(text, "abc", true));
     EXPECT_TRUE(kyStringUtils::Contains(text, "abc", false));
     EXPECT_EQ(find(text, "abc", 1), 4u);
+    EXPECT_EQ(find(text, "É", 0), sNone);
     EXPECT_EQ(find(text, "", 10), 10u);
     EXPECT_EQ(find(text, "", 11), sNone);
     EXPECT_TRUE(kyStringUtils::StartsWith(nullptr, ""));
