@@ -84,11 +84,18 @@ TEST_F(IniSave, WritesInPlaceOnlyWhatCannotBeReplaced)
         for (const std::string& refused : {readOnly, closed + "/new"})
             EXPECT_EQ(save(refused), "Fail to open " + refused + ", " + ErrorText(EACCES));
         EXPECT_EQ(Content(readOnly), "old");
+        // Not as the super-user, who could put a file in its place.
+        EXPECT_EQ(save("/dev/full"), "Fail to write /dev/full, " + ErrorText(ENOSPC));
         EXPECT_EQ(countFiles(), 2) << "something is left behind";
     });
     const std::string none = folder.path("none/file");
     EXPECT_EQ(save(none), "Fail to open " + none + ", " + ErrorText(ENOENT));
-    EXPECT_EQ(save("/dev/full"), "Fail to write /dev/full, " + ErrorText(ENOSPC));
+    const std::string special = folder.path("special");
+    EXPECT_EQ(::mkfifo(special.c_str(), 0600), 0);
+    const int pipe = ::open(special.c_str(), O_RDWR | O_CLOEXEC);
+    EXPECT_EQ(save(special), "");
+    ::close(pipe);
+    EXPECT_TRUE(fs::is_fifo(special));
 }
 
 TEST_F(IniSave, WaitsForWhoeverWritesInPlaceToo)
