@@ -36,7 +36,6 @@ TEST_F(DataStream, LaysOutEveryTypeInBothOrders)
 {
     ExpectLaidOut(true, "\xFF"s);
     ExpectLaidOut(static_cast<short>(-2), "\xFF\xFE"s);
-    ExpectLaidOut(0x89ABCDEFu, "\x89\xAB\xCD\xEF"s);
     ExpectLaidOut(0x0123456789ABCDEFul, "\x01\x23\x45\x67\x89\xAB\xCD\xEF"s);
     ExpectLaidOut(-1.5f, "\xBF\xC0\0\0"s);
     ExpectLaidOut(-1.5, "\xBF\xF8\0\0\0\0\0\0"s);
