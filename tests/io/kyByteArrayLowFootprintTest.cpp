@@ -29,8 +29,7 @@ TEST(ByteArray, IsNullEmptyOrFilled)
     array.resizeAndClear(0, 'x');
     EXPECT_TRUE(array.isNull() && array.isEmpty()) << "kept: the size is 0 already";
     array.clear();
-    EXPECT_FALSE(array.isNull());
-    EXPECT_TRUE(array.editRawData() == nullptr && *array.rawData() == '\0');
+    EXPECT_TRUE(!array.isNull() && array.editRawData() == nullptr && *array.rawData() == '\0');
     array.resizeAndClear(3, 'x');
     EXPECT_STREQ(array.rawData(), "xxx");
 }

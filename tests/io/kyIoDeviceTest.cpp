@@ -58,6 +58,7 @@ TEST_F(IoDevice, EndsTransfersAndLoadsOnEveryKindOfDevice)
     kyIoDeviceFileStream file(folder.write("file", "content"), Access::DataWayReadWrite, false);
     kyIoDeviceFileStream directory(folder.path(""), Access::DataWayRead, false);
     std::ifstream failing(folder.path(""));
+    failing.exceptions(std::ios_base::badbit);
     kyIoDeviceStdStreamProxy proxy(static_cast<std::istream*>(&failing));
     const struct {
         Access& device;
@@ -84,9 +85,8 @@ TEST_F(IoDevice, EndsTransfersAndLoadsOnEveryKindOfDevice)
 
 TEST_F(IoDevice, ProxiesLeaveStreamsUsableAtTheirEnd)
 {
-    constexpr auto everything = ~std::ios_base::goodbit;
     std::stringstream text("0123456789");
-    text.exceptions(everything);
+    text.exceptions(~std::ios_base::goodbit);
     kyIoDeviceStdStreamProxy input(static_cast<std::istream*>(&text));
     kyIoDeviceStdStreamProxy output(static_cast<std::ostream*>(&text));
     EXPECT_EQ(Read(input, 99), "0123456789");
@@ -95,7 +95,7 @@ TEST_F(IoDevice, ProxiesLeaveStreamsUsableAtTheirEnd)
     EXPECT_EQ(Read(input, 99), "789");
     EXPECT_EQ(output.writeBytes("abc", 3), 3u);
     EXPECT_EQ(text.str(), "abc3456789") << "lost at the end of the file";
-    text.setstate(std::ios_base::failbit);
+    EXPECT_TRUE(output.seek(-1, Access::SeekFromBeginning)) << "true while there is a stream";
     EXPECT_EQ(output.writeBytes("d", 1), 0u);
     EXPECT_EQ(output.getDeviceErrorMsg(),
               "std sub stream is in error after a write : ostream fail and/or bad bit is set");
@@ -118,8 +118,7 @@ TEST_F(IoDevice, SeeksWithinBytesAndStopsAtTheirEnds)
     for (const auto& row : rows) {
         ky::kyIoDeviceByteContainerReadOnly device("0123456789", 10);
         EXPECT_EQ(Read(device, 4), "0123");
-        EXPECT_EQ(device.seek(row.offset, static_cast<Access::SeekStart>(row.from)),
-                  *row.error == '\0');
+        EXPECT_EQ(device.seek(row.offset, Access::SeekStart(row.from)), *row.error == '\0');
         EXPECT_EQ(device.getDeviceErrorMsg(), row.error);
         EXPECT_EQ(Read(device, 99), row.left) << "kept: an error does not stop the reading";
     }
