@@ -7,31 +7,23 @@
 
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <thread>
 
 #include <pthread.h>
 
 using ky::exception::impl::ExecGuardedCode;
 
-namespace {
-
-std::string sReports;
-
-void Record(int level, const char* name, std::string_view text, bool flush)
-{
-    sReports += std::to_string(level) + name + (flush ? ": " : "? ") + std::string(text) + "\n";
-}
-
-struct SilentException : std::exception {
-    const char* what() const noexcept override { return nullptr; }
-};
-
-}  // namespace
-
 TEST(Guard, ReportsWhatEscapesAndReturns)
 {
-    ky::impl::SetReportSinks(Record, nullptr);
+    struct SilentException : std::exception {
+        const char* what() const noexcept override { return nullptr; }
+    };
+    static std::string sReports;
+    sReports.clear();
+    const auto record = [](int level, const char* name, std::string_view text, bool flush) {
+        sReports += std::to_string(level) + name + (flush ? ": " : "? ") + std::string(text) + "\n";
+    };
+    ky::impl::SetReportSinks(record, nullptr);
     ExecGuardedCode([](void* text) { throw std::runtime_error(static_cast<char*>(text)); },
                     std::string("no paper").data());
     ExecGuardedCode([] { throw SilentException(); });
@@ -40,11 +32,10 @@ TEST(Guard, ReportsWhatEscapesAndReturns)
         throw std::logic_error("outer");
     });
     ky::impl::SetReportSinks(nullptr, nullptr);
-    const std::string name = std::to_string(ky::impl::ReportLevel::Critical) + "kySystem: ";
     const std::string after = "' see application and system logs\n";
-    const std::string caught = name + "Catch an exception : '";
-    EXPECT_EQ(sReports, caught + "no paper" + after + caught + after + name +
-                            "Unknown exception\n" + caught + "outer" + after);
+    const std::string caught = "5kySystem: Catch an exception : '";
+    EXPECT_EQ(sReports, caught + "no paper" + after + caught + after +
+                            "5kySystem: Unknown exception\n" + caught + "outer" + after);
 }
 
 TEST(Guard, LetsAThreadEndItselfFromInside)
