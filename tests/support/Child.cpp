@@ -39,37 +39,47 @@ std::string TakeContent(int fd)
 
 ChildResult RunRedirected(std::string_view input, const std::function<void()>& body)
 {
-    std::cout.flush();
-    std::fflush(nullptr);
     // Memory files instead of pipes: whatever amount the child writes, nobody has to read it
     // meanwhile. Processes that share one write over each other unless they append.
     const int files[] = {MemoryFile(input), MemoryFile({}), MemoryFile({})};
     for (const int file : {files[1], files[2]})
         ::fcntl(file, F_SETFL, O_APPEND);
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const pid_t child = Fork([&] {
         for (int fd = 0; fd < 3; ++fd)
             ::dup2(files[fd], fd);
         body();
         std::cout.flush();
         std::cerr.flush();
-        std::fflush(nullptr);
-        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    ChildResult result;
+    });
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
-    if (WIFEXITED(status))
-        result.exitCode = WEXITSTATUS(status);
-    else
-        result.signal = WTERMSIG(status);
     ::close(files[0]);
-    result.out = TakeContent(files[1]);
-    result.err = TakeContent(files[2]);
-    return result;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+            WIFSIGNALED(status) ? WTERMSIG(status) : 0, TakeContent(files[1]),
+            TakeContent(files[2])};
 }
 
 }  // namespace
+
+pid_t Fork(const std::function<void()>& body)
+{
+    std::cout.flush();
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        body();
+        std::fflush(nullptr);
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    return child;
+}
+
+int EndOf(pid_t child)
+{
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 ChildResult RunInChild(const std::function<void()>& body)
 {

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/types.h>
+
 namespace ky::test {
 
 /// What became of a child process.
@@ -15,9 +17,15 @@ struct ChildResult {
     std::string err;    ///< its standard error
 };
 
-/// Runs `body` in a forked child with standard output and error caught. The exit code is 0 when
-/// body returns, 1 when an expectation failed in it (reported in `err`), or what body gave to
-/// _exit(2).
+/// Starts `body` in a forked child. It ends with 0 when body returns, with 1 when an expectation
+/// failed in it, or with what body gave to _exit(2).
+pid_t Fork(const std::function<void()>& body);
+
+/// Waits for the end of a child. Its exit code, or 128 more than the signal that ended it.
+int EndOf(pid_t child);
+
+/// Runs `body` in a forked child with standard output and error caught. Failures are
+/// reported in `err`.
 ChildResult RunInChild(const std::function<void()>& body);
 
 /// Runs `body` in a child too; what it has printed is told with a failure.
