@@ -1,23 +1,14 @@
 #include "ky/kyLog.h"
 
-#include "support/Child.h"
 #include "support/DaemonSocket.h"
 #include "support/Library.h"
-
-#include <gtest/gtest.h>
+#include "tools/Shell.h"
 
 #include <atomic>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-using ky::test::Contains;
-using ky::test::RunCommand;
+using ky::test::TemporaryFolder;
+using namespace std::string_literals;
 
 namespace {
 
@@ -34,52 +25,38 @@ constexpr const char* sMessagesOfJson =
 
 TEST(JsonLog, IsOneValidObjectForEachEntry)
 {
-    const std::string bad = "\xef\xbf\xbd";
-    const std::pair<std::string, std::string> rows[] = {
-        {"quote \" backslash \\ slash /", {}},
-        {std::string("controls \0 \x01 \t \r \x1f \x7f", 21), {}},
-        {"", {}},
-        {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \xf4\x8f\xbf\xbf \xed\x9f\xbf \xee\x80\x80",
-         {}},
-        {"stray \xff \x80", "stray " + bad + " " + bad},
-        {"overlong \xc0\xaf \xe0\x80\x80", "overlong " + bad + bad + " " + bad + bad + bad},
-        {"surrogate \xed\xa0\x80", "surrogate " + bad + bad + bad},
-        {"too large \xf4\x90\x80\x80", "too large " + bad + bad + bad + bad},
-        {"cut \xf0\x9f\x98", "cut " + bad + bad + bad},
-    };
-    std::string input;
-    std::string expected;
-    for (const auto& [message, shown] : rows) {
-        input += message + "\n";
-        expected += (shown.empty() ? message : shown) + "\n";
-    }
-    const ky::test::TemporaryFolder folder;
-    const std::string file = folder.write("log.json", "");
-    const auto logged = RunCommand({KY_EXAMPLE_JSONLOG, file}, input);
-    ASSERT_EQ(logged.exitCode, 0) << logged.err;
-    const auto parsed = RunCommand({"python3", "-c", sMessagesOfJson}, {}, [&] {
-        ::dup2(::open(file.c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO);
-    });
-    if (parsed.exitCode == 127)
+    const TemporaryFolder folder;
+    folder.write("messages.py", sMessagesOfJson);
+    const std::string input =
+        "quote \" backslash \\ controls \0 \x01 \t \r \x1f \x7f\n\n"s
+        "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \xf4\x8f\xbf\xbf \xed\x9f\xbf \xee\x80\x80\n"s;
+    // Stray, overlong, a surrogate, too large, and cut.
+    const auto result = RunShell(
+        folder, KY_EXAMPLE_JSONLOG " log.json && python3 messages.py < log.json",
+        input + "\xff \x80 \xc0\xaf \xe0\x80\x80 \xed\xa0\x80 \xf4\x90\x80\x80 \xf0\x9f\n");
+    if (result.exitCode == 127)
         GTEST_SKIP() << "no parser here";
-    EXPECT_EQ(parsed.exitCode, 0) << parsed.err;
-    EXPECT_EQ(parsed.out, expected);
+    const std::string bad = "\xef\xbf\xbd";
+    std::string replaced = "1 1 11 111 111 1111 11\n";
+    for (std::size_t at = 0; (at = replaced.find('1')) != std::string::npos;)
+        replaced.replace(at, 1, bad);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, input + replaced);
 }
 
 #ifdef KY_EXAMPLE_JOURNALD
 TEST(JournaldExample, SendsFieldsOfItsOwn)
 {
     const auto body = [](const ky::test::DaemonSocket& journal) {
-        EXPECT_EQ(RunCommand({KY_EXAMPLE_JOURNALD}).exitCode, 0);
-        const std::string first = journal.receive();
-        for (const char* field : {"MESSAGE=started with 3 work items\n", "PRIORITY=6\n",
-                                  "SYSLOG_IDENTIFIER=example-journald\n", "KY_TIME_MS="})
-            EXPECT_TRUE(Contains(first, field)) << field << " in " << first;
-        const std::string second = journal.receive();
-        for (const char* field :
-             {"lost 2.5 % of the packets\non 2 links\n", "PRIORITY=4\n", "KY_SUB_TYPE=net\n"})
-            EXPECT_TRUE(Contains(second, field)) << field << " in " << second;
-        EXPECT_EQ(journal.receive(), "");
+        EXPECT_EQ(ky::test::RunCommand({KY_EXAMPLE_JOURNALD}).exitCode, 0);
+        const std::string messages[] = {journal.receive(), journal.receive(), journal.receive()};
+        for (const auto& [number, field] :
+             {std::pair(0, "MESSAGE=started with 3 work items\n"), std::pair(0, "PRIORITY=6\n"),
+              std::pair(0, "SYSLOG_IDENTIFIER=example-journald\n"), std::pair(0, "KY_TIME_MS="),
+              std::pair(1, "lost 2.5 % of the packets\non 2 links\n"), std::pair(1, "PRIORITY=4\n"),
+              std::pair(1, "KY_SUB_TYPE=net\n")})
+            EXPECT_PRED2(ky::test::Contains, messages[number], field);
+        EXPECT_EQ(messages[2], "");
     };
     ky::test::ExpectPassesWithDaemon("/run/systemd/journal/socket", body);
 }
@@ -89,15 +66,8 @@ struct Logrotate : ky::test::FullLibrary {};
 
 TEST_F(Logrotate, RenamesTheFileUnderRunningThreadsAndLosesNoLine)
 {
-    const ky::test::TemporaryFolder folder;
-    std::string text = ky::test::Content(KY_EXAMPLES "/app.logrotate");
-    const std::string path = "/var/log/app/app.log";
-    ASSERT_NE(text.find(path), std::string::npos);
-    text.replace(text.find(path), path.size(), folder.path("app.log"));
-    const std::string config = folder.write("config", text);
-    ::chmod(config.c_str(), 0644);
+    const TemporaryFolder folder;
     ASSERT_TRUE(ky::kyLog::Instance()->installFileHandlerUtf8(folder.path("app.log")));
-
     std::atomic<unsigned long> written = 0;
     const auto waitForLines = [&] {
         for (const unsigned long before = written; written < before + 50;)
@@ -109,16 +79,15 @@ TEST_F(Logrotate, RenamesTheFileUnderRunningThreadsAndLosesNoLine)
             for (; !stop.stop_requested(); ++written)
                 ky::kyLogObject(ky::kyLog::Info).setFlushNow() << "line";
         });
+    const std::string rotate = "umask 022; sed \"s,/var/log/app,$PWD,\" " KY_EXAMPLES
+                               "/app.logrotate > config; /usr/sbin/logrotate -f -s state config";
     for (int i = 0; i < 5; ++i) {
         waitForLines();
-        const auto result =
-            RunCommand({"/usr/sbin/logrotate", "-f", "-s", folder.path("state"), config});
-        EXPECT_EQ(result.exitCode, 0) << result.err;
+        ExpectShell(folder, {{rotate}});
     }
     waitForLines();
     threads.clear();
     ky::kyLog::Instance()->removeFileHandler();
-    const auto lines = RunCommand(
-        {"sh", "-c", "ls \"$0\".?* | wc -l; zcat -f \"$0\"* | wc -l", folder.path("app.log")});
-    EXPECT_EQ(lines.out, "5\n" + std::to_string(written) + "\n");
+    ExpectShell(folder, {{"ls app.log.* | wc -l; zcat -f app.log* | wc -l", 0,
+                          "5\n" + std::to_string(written) + "\n"}});
 }
