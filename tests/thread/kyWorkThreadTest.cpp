@@ -1,14 +1,9 @@
 #include "ky/kyWorkThread.h"
 
-#include "support/Asleep.h"
-#include "support/Child.h"
 #include "support/Library.h"
 
 #include <atomic>
-#include <functional>
 #include <future>
-#include <memory>
-#include <stdexcept>
 
 #include <unistd.h>
 
@@ -31,11 +26,10 @@ struct Job : kyJob {
 };
 
 struct Worker : kyWorkThread {
-    ~Worker() override { stop(); }
-    int run() override
+    ~Worker() override
     {
-        mId.set_value(CurrentThreadId());
-        return kyWorkThread::run();
+        stop();
+        clearJobs();
     }
     void processJob(kyJob* job) override
     {
@@ -49,26 +43,12 @@ struct Worker : kyWorkThread {
         add(std::move(work));
         endWake();
     }
-    void startAndWaitUntilAsleep()
-    {
-        startThread("worker");
-        ky::test::WaitUntilAsleep(mId.get_future().get());
-    }
-    std::promise<std::string> mId;
 };
 
-/// A job that says that it runs and goes on when it is told to.
-struct Gate {
-    std::function<void()> job()
-    {
-        return [this] {
-            entered.set_value();
-            opened.get_future().wait();
-        };
-    }
-    std::promise<void> entered;
-    std::promise<void> opened;
-};
+void Fail()
+{
+    ADD_FAILURE() << "there is no worker";
+}
 
 }  // namespace
 
@@ -79,7 +59,8 @@ TEST_F(WorkThread, TakesJobsInOrderAndOnlyOnceTheirBracketIsClosed)
     const auto note = [&](int number) { return [&, number] { EXPECT_EQ(done++, number); }; };
     Worker worker;
     worker.add(note(0));
-    worker.startAndWaitUntilAsleep();
+    worker.startThread("worker");
+    ky::test::WaitUntilOthersAreAsleep();
     worker.beginWake();
     worker.beginWake();
     worker.endWake();
@@ -90,44 +71,38 @@ TEST_F(WorkThread, TakesJobsInOrderAndOnlyOnceTheirBracketIsClosed)
     worker.endWake();
     last.get_future().wait();
     EXPECT_EQ(done, 1000);
-    worker.beginWake();
-    worker.endWake();
     EXPECT_TRUE(worker.stop());
 }
 
 TEST_F(WorkThread, ClosesABracketOnlyWhenTheJobInWorkIsDoneOrInAForkedChild)
 {
-    Gate gate;
+    std::promise<void> entered, opened;
     std::atomic<bool> isClosed = false;
-    bool wasClosed = true;
     Worker worker;
-    worker.startAndWaitUntilAsleep();
+    worker.startThread("worker");
     worker.hand([&] {
-        gate.job()();
-        wasClosed = isClosed;
+        entered.set_value();
+        opened.get_future().wait();
+        EXPECT_FALSE(isClosed);
         // Somebody is in endWake and owns the queue.
         EXPECT_FALSE(worker.stop());
     });
-    gate.entered.get_future().wait();
+    entered.get_future().wait();
     auto producer = ky::test::StartUntilAsleep([&] {
-        worker.hand([] { ADD_FAILURE() << "the worker had been stopped before"; });
+        worker.hand(&Fail);
         isClosed = true;
     });
     // Both mutexes are held, for ever as a forked child sees it.
-    const auto result = ky::test::RunInChild([&] {
-        alarm(60);
-        worker.hand([] { ADD_FAILURE() << "there is no worker"; });
+    ky::test::ExpectChildPasses([&] {
+        ::alarm(60);
+        worker.hand(&Fail);
         EXPECT_FALSE(worker.stop());
-        worker.clearJobs();
         worker.~Worker();
     });
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    gate.opened.set_value();
+    opened.set_value();
     producer.join();
-    EXPECT_FALSE(wasClosed);
     EXPECT_TRUE(worker.waitThread(60000));
     EXPECT_FALSE(worker.stop());
-    worker.clearJobs();
 }
 
 TEST_F(WorkThread, EndsWheneverItIsToldToOrItsHandlerThrows)
@@ -136,44 +111,37 @@ TEST_F(WorkThread, EndsWheneverItIsToldToOrItsHandlerThrows)
         Worker worker;
         EXPECT_FALSE(worker.stop()) << "never started";
         worker.addJob(nullptr);
-        worker.add([] { ADD_FAILURE() << "run() must not touch the queue"; });
-        EXPECT_EQ(ky::kyThread::Run(&worker), 1);
-        worker.clearJobs();
+        worker.add(&Fail);
+        EXPECT_EQ(ky::kyThread::Run(&worker), 1) << "the queue must not be touched";
     }
     {
-        Gate gate;
+        std::promise<void> begun;
+        std::thread stopper;
         Worker worker;
         worker.startThread("busy");
         worker.beginWake();
-        worker.add(gate.job());
-        worker.add([] { ADD_FAILURE() << "queued behind the stop"; });
+        worker.add([&] {
+            stopper = ky::test::StartUntilAsleep([&] { EXPECT_TRUE(worker.stop()); });
+            begun.set_value();
+        });
+        worker.add(&Fail);
         worker.endWake();
-        gate.entered.get_future().wait();
-        auto stopper = ky::test::StartUntilAsleep([&] { EXPECT_TRUE(worker.stop()); });
-        gate.opened.set_value();
+        begun.get_future().wait();
         stopper.join();
         EXPECT_FALSE(worker.stop()) << "nothing is left to join";
-        worker.clearJobs();
     }
     {
         // Ends by itself, and blocks nobody.
-        std::promise<void> begun;
         Worker worker;
         worker.startThread("throws");
-        worker.hand([&] {
-            begun.set_value();
-            throw std::runtime_error("told to");
-        });
-        begun.get_future().wait();
-        worker.hand([] { ADD_FAILURE() << "the thread has ended"; });
+        worker.hand([] { throw 1; });
+        worker.hand(&Fail);
         EXPECT_TRUE(worker.waitThread(60000));
-        worker.clearJobs();
     }
     for (int i = 0; i < 500; ++i) {
         Worker worker;
         worker.startThread("race");
         worker.hand([] {});
         ASSERT_TRUE(worker.stop());
-        worker.clearJobs();
     }
 }
