@@ -27,11 +27,7 @@ using ky::test::Require;
 struct Outcome {
     std::string rewritten;
     bool isOk = false;
-
-    bool operator==(const Outcome& other) const
-    {
-        return rewritten == other.rewritten && isOk == other.isOk;
-    }
+    bool operator==(const Outcome& other) const = default;
 };
 
 template <typename Value>
@@ -55,25 +51,16 @@ void CopyRaw(kyDataStream& from, kyDataStream& to)
 
 using Copier = void (*)(kyDataStream&, kyDataStream&);
 
-Copier CopierOf(char type)
+template <typename... Values>
+Copier ChooseCopier(char type)
 {
-    constexpr Copier copiers[] = {Copy<bool>,
-                                  Copy<char>,
-                                  Copy<signed char>,
-                                  Copy<unsigned char>,
-                                  Copy<short>,
-                                  Copy<unsigned short>,
-                                  Copy<int>,
-                                  Copy<unsigned int>,
-                                  Copy<long>,
-                                  Copy<unsigned long>,
-                                  Copy<float>,
-                                  Copy<double>,
-                                  Copy<std::string>,
-                                  Copy<std::vector<char>>,
-                                  CopyRaw};
+    constexpr Copier copiers[] = {Copy<Values>..., CopyRaw};
     return copiers[static_cast<unsigned char>(type) % std::size(copiers)];
 }
+
+constexpr auto CopierOf =
+    ChooseCopier<bool, char, signed char, unsigned char, short, unsigned short, int, unsigned int,
+                 long, unsigned long, float, double, std::string, std::vector<char>>;
 
 bool IsText(Copier copier)
 {
