@@ -2,6 +2,7 @@
 
 #include "frame/ThreadId.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -14,7 +15,7 @@
 namespace ky::test {
 namespace {
 
-/// True as well when there is no such thread.
+/// True as well when there is no such thread any more.
 bool IsAsleep(const std::string& threadId)
 {
     std::ifstream file("/proc/" + threadId + "/task/" + threadId + "/stat");
@@ -22,18 +23,17 @@ bool IsAsleep(const std::string& threadId)
     if (!std::getline(file, line))
         return true;
     // The name before the state may contain anything, a parenthesis too.
-    return line.compare(line.rfind(')'), 3, ") S") == 0;
+    const char state = line[line.rfind(')') + 2];
+    return state == 'S' || state == 'Z';
 }
 
 bool AreOthersAsleep()
 {
-    const std::string own = std::to_string(::gettid());
-    bool areAsleep = true;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::all_of(begin(tasks), end(tasks), [](const auto& task) {
         const std::string id = task.path().filename();
-        areAsleep = areAsleep && (id == own || IsAsleep(id));
-    }
-    return areAsleep;
+        return id == std::to_string(::gettid()) || IsAsleep(id);
+    });
 }
 
 }  // namespace

@@ -26,13 +26,10 @@ int MemoryFile(std::string_view content)
     return fd;
 }
 
+/// By its path, which gives a position of its own.
 std::string TakeContent(int fd)
 {
-    std::string content;
-    char buffer[65536];
-    ::lseek(fd, 0, SEEK_SET);
-    for (ssize_t size = 0; (size = ::read(fd, buffer, sizeof buffer)) > 0;)
-        content.append(buffer, static_cast<std::size_t>(size));
+    std::string content = Content("/proc/self/fd/" + std::to_string(fd));
     ::close(fd);
     return content;
 }
@@ -48,8 +45,6 @@ ChildResult RunRedirected(std::string_view input, const std::function<void()>& b
         for (int fd = 0; fd < 3; ++fd)
             ::dup2(files[fd], fd);
         body();
-        std::cout.flush();
-        std::cerr.flush();
     });
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
@@ -68,6 +63,7 @@ pid_t Fork(const std::function<void()>& body)
     const pid_t child = ::fork();
     if (child == 0) {
         body();
+        std::cout.flush();
         std::fflush(nullptr);
         ::_exit(::testing::Test::HasFailure() ? 1 : 0);
     }
@@ -140,8 +136,8 @@ bool Contains(const std::string& text, const std::string& what)
 
 std::vector<std::string> Lines(const std::string& text)
 {
-    std::vector<std::string> lines;
     std::istringstream stream(text);
+    std::vector<std::string> lines;
     for (std::string line; std::getline(stream, line);)
         lines.push_back(line);
     return lines;
