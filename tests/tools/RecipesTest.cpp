@@ -1,6 +1,5 @@
 #include "ky/kyLog.h"
 
-#include "support/DaemonSocket.h"
 #include "support/Library.h"
 #include "tools/Shell.h"
 
@@ -43,24 +42,6 @@ TEST(JsonLog, IsOneValidObjectForEachEntry)
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(result.out, input + replaced);
 }
-
-#ifdef KY_EXAMPLE_JOURNALD
-TEST(JournaldExample, SendsFieldsOfItsOwn)
-{
-    const auto body = [](const ky::test::DaemonSocket& journal) {
-        EXPECT_EQ(ky::test::RunCommand({KY_EXAMPLE_JOURNALD}).exitCode, 0);
-        const std::string messages[] = {journal.receive(), journal.receive(), journal.receive()};
-        for (const auto& [number, field] :
-             {std::pair(0, "MESSAGE=started with 3 work items\n"), std::pair(0, "PRIORITY=6\n"),
-              std::pair(0, "SYSLOG_IDENTIFIER=example-journald\n"), std::pair(0, "KY_TIME_MS="),
-              std::pair(1, "lost 2.5 % of the packets\non 2 links\n"), std::pair(1, "PRIORITY=4\n"),
-              std::pair(1, "KY_SUB_TYPE=net\n")})
-            EXPECT_PRED2(ky::test::Contains, messages[number], field);
-        EXPECT_EQ(messages[2], "");
-    };
-    ky::test::ExpectPassesWithDaemon("/run/systemd/journal/socket", body);
-}
-#endif
 
 struct Logrotate : ky::test::FullLibrary {};
 

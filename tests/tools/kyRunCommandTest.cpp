@@ -52,7 +52,7 @@ TEST(RunCommand, EndsAllThatRunsAtItsLimits)
     // The first ends when it is told to, the second does not, and in the third another process than
     // the shell is large. There is none to be left behind when the machine was too slow to start
     // the shell in time.
-    const ky::test::ShellRow isGone = {"! kill -0 $(cat pid) 2> none"};
+    const ky::test::ShellRow isGone = {"! kill -0 $(cat pid 2> none) 2> none"};
     ky::test::ExpectShell(
         {},
         {{"ky run -t 1 -- "
