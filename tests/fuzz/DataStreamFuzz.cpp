@@ -62,11 +62,6 @@ constexpr auto CopierOf =
     ChooseCopier<bool, char, signed char, unsigned char, short, unsigned short, int, unsigned int,
                  long, unsigned long, float, double, std::string, std::vector<char>>;
 
-bool IsText(Copier copier)
-{
-    return copier == Copy<std::string> || copier == Copy<std::vector<char>>;
-}
-
 struct Script {
     std::string_view types;
     kyDataStream::Endianness order;
@@ -94,7 +89,8 @@ Outcome Run(const Script& script, ky::kyIoDeviceRandomAccess& source)
     kyDataStream to(sink, script.order);
     for (const char type : script.types) {
         Copier copy = CopierOf(type);
-        if (IsText(copy) && !script.allowsHostileTexts && IsHostile(script, source.getCurrentPos()))
+        const bool isText = copy == Copy<std::string> || copy == Copy<std::vector<char>>;
+        if (isText && !script.allowsHostileTexts && IsHostile(script, source.getCurrentPos()))
             copy = CopyRaw;
         copy(from, to);
     }

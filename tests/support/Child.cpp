@@ -21,8 +21,8 @@ namespace {
 int MemoryFile(std::string_view content)
 {
     const int fd = ::memfd_create("ky-test", MFD_CLOEXEC);
-    EXPECT_EQ(::write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-    ::lseek(fd, 0, SEEK_SET);
+    EXPECT_EQ(::pwrite(fd, content.data(), content.size(), 0),
+              static_cast<ssize_t>(content.size()));
     return fd;
 }
 

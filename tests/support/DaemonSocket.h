@@ -18,12 +18,10 @@ namespace ky::test {
 
 /// A daemon's datagram socket at a path of the system, such as "/dev/log", in a mount namespace
 /// that only this process sees. Ends the process where that is not allowed.
-class DaemonSocket {
-public:
+struct DaemonSocket {
     static constexpr int sNotAllowed = 77;
 
     explicit DaemonSocket(const std::string& path)
-        : mSocket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
     {
         const std::string root = path.substr(0, path.find('/', 1));
         sockaddr_un address = {AF_UNIX, {}};
@@ -36,9 +34,6 @@ public:
         if (::bind(mSocket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
             ::_exit(sNotAllowed);
     }
-    ~DaemonSocket() { ::close(mSocket); }
-    DaemonSocket(const DaemonSocket&) = delete;
-    DaemonSocket& operator=(const DaemonSocket&) = delete;
 
     /// The next message, empty when there is none yet.
     std::string receive() const
@@ -49,8 +44,8 @@ public:
         return datagram;
     }
 
-private:
-    const int mSocket;
+    /// Until the end of the process.
+    const int mSocket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 };
 
 /// Runs `body` in a child that has the socket. Skips the test where that is not allowed.

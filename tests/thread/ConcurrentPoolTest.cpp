@@ -133,6 +133,7 @@ TEST_F(Pool, WorksOnOneThreadInTheChildOfASolverThatForks)
 #if !defined(__SANITIZE_THREAD__)  // which does not see a thread end in a child
     ConcurrentPool ending(2);
     Solve(ending, 1, [](kyMutex&, kyWaitCondition&) {
+        ky::test::WaitUntilOthersAreAsleep();
         const pid_t child = ::fork();
         if (child != 0) {
             EXPECT_EQ(ky::test::EndOf(child), 0) << "the worker, its only thread, goes on";
