@@ -51,8 +51,8 @@ TEST(LogCommand, TellsWhatItCannotReadOrWrite)
                   "1\n1\n",
                   {"ky: Cannot read standard input. "}},
                  {"ky log input <&- 2>&- | sed 's/.* : //'", 0, "precious\n"},
-                 {"ky log input >> input", 1, "", {"standard output too"}},
-                 {"ky log -q --file input input", 1, "", {"log file too: input"}},
+                 {"ulimit -f 99; ky log input >> input", 1, "", {"standard output too"}},
+                 {"ulimit -f 99; ky log -q --file input input", 1, "", {"log file too: input"}},
                  {"ky log --file= input", 1, "", {"ky: "}},
                  {"echo x | ky log -q --file /dev/full", 1, "", {"'/dev/full', 1 lines are lost "}},
                  {"cat input", 0, "precious\n"}});
