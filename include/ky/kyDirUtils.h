@@ -146,7 +146,8 @@ public:
     static bool RemoveFileUtf8(const std::string& path, std::string* error = nullptr);
     /// Removes all that is in a folder, and with `removeFolder` the folder. True when there is no
     /// such folder. The first failure ends it; what was removed by then is gone. A folder that
-    /// opens and then cannot be read is told as "opendir error " too.
+    /// opens and then cannot be read is told as "opendir error " too. What others put there
+    /// meanwhile may stay, and their folder with it ("rmdir error ").
     ///
     /// Nothing outside the folder is removed, whatever links are in it or are put there meanwhile:
     /// only `path` itself may be a link. Any depth and any names, with at most 34 descriptors.

@@ -6,6 +6,7 @@
 #include "fs/ScopedHandles.h"
 #include "text/LocalPath.h"
 
+#include <limits>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -57,6 +58,7 @@ private:
         explicit Level(std::size_t size) : parentPathSize(size) {}
         void suspend();
         bool resume(impl::ScopedDir opened);
+        bool beginsAnotherPass();
 
         impl::ScopedDir folder;  // null while it is suspended
         dev_t device = 0;        // known while it is suspended
@@ -64,7 +66,8 @@ private:
         std::size_t parentPathSize;  // of mPath without the name of this folder
         bool isDotAsked = false;     // an entry is asked for once, in however many passes it occurs
         bool isDotDotAsked = false;
-        bool hasRemoved = false;  // anything in this pass
+        std::size_t removed = 0;  // in this pass
+        std::size_t removedBefore = std::numeric_limits<std::size_t>::max();
     };
     enum class Outcome { Done, Failed, Entered };
 
@@ -108,6 +111,17 @@ bool FolderClearing::Level::resume(impl::ScopedDir opened)
     if (status.st_dev != device || status.st_ino != inode)
         return false;
     folder = std::move(opened);
+    return true;
+}
+
+/// A folder that shrinks while it is read hides entries on some file systems, fewer each time. What
+/// others put there meanwhile does not get fewer, and would be removed for ever.
+bool FolderClearing::Level::beginsAnotherPass()
+{
+    const std::size_t before = std::exchange(removedBefore, std::exchange(removed, 0));
+    if (removedBefore == 0 || removedBefore >= before)
+        return false;
+    ::rewinddir(folder.get());
     return true;
 }
 
@@ -155,10 +169,7 @@ FolderClearing::Outcome FolderClearing::clearTop()
         } else if (errno != 0) {
             fail("opendir error ", errno, mPath);
             return Outcome::Failed;
-        } else if (std::exchange(level.hasRemoved, false)) {
-            // A folder that shrinks while it is read hides entries on some file systems.
-            ::rewinddir(level.folder.get());
-        } else {
+        } else if (!level.beginsAnotherPass()) {
             return Outcome::Done;
         }
     }
@@ -176,7 +187,7 @@ FolderClearing::Outcome FolderClearing::passEntry(const dirent& entry)
         return Outcome::Failed;
     const Outcome outcome = removeEntry(entry);
     if (outcome == Outcome::Done)
-        level.hasRemoved = true;
+        ++level.removed;
     return outcome;
 }
 
@@ -244,7 +255,7 @@ bool FolderClearing::removeLeft(std::size_t parentPathSize)
     if (status != 0)
         return fail("rmdir error ", errno, mPath);
     if (!mLevels.empty())
-        mLevels.back().hasRemoved = true;
+        ++mLevels.back().removed;
     return true;
 }
 

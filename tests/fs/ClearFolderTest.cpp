@@ -111,6 +111,26 @@ TEST_F(ClearFolder, AsksForEachEntryAndAfterEachFolderWhetherToStop)
     }
 }
 
+TEST_F(ClearFolder, EndsThoughOthersKeepPuttingEntriesThere)
+{
+    int added = 0;
+    const auto add = [&] {
+        if (added < 1000)
+            folder.write("target/" + std::to_string(++added), "");
+        return false;
+    };
+    add();
+    for (const auto& entry : fs::directory_iterator(target)) {
+        add();
+        fs::remove(entry);
+    }
+    if (added == 1000)
+        GTEST_SKIP() << "Whoever reads a folder of this file system reads what others add, too";
+    const Meddler cancel(add);
+    EXPECT_FALSE(kyDirUtils::ClearFolderUtf8(target, true, &error, &cancel));
+    EXPECT_EQ(error, "rmdir error " + ErrorText(ENOTEMPTY) + " for " + target);
+}
+
 TEST_F(ClearFolder, GoesToAnyDepthWithFewDescriptorsAndNotOutByAFolderThatWasMoved)
 {
     // A chain longer than any path could name.
