@@ -29,7 +29,8 @@ bool Exchange(const std::string& path, const std::string& aside);
 
 /// Removes the files that were put aside from `path` longest ago, by the time of their last line,
 /// until `keep` are left; `newest` counts as the last of all, whatever a clock that was set back
-/// says. Adds to `trouble`, for people, what could not be removed. Returns how many were.
+/// says. Puts into `trouble`, for people, the last that could not be removed. Returns how many
+/// were.
 std::size_t RemoveOldest(const std::string& path, const std::string& newest, std::size_t keep,
                          std::string& trouble);
 
