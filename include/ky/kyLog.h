@@ -48,7 +48,9 @@ enum class kyLogLevel : int {
 /// queued when it crashes before it dies.
 ///
 /// In a child made by fork(2) the log writes on the caller's thread, under a lock; entries that the
-/// parent had queued are the parent's. Nothing there waits for a thread that does not exist.
+/// parent had queued are the parent's. Nothing there waits for a thread that does not exist. So it
+/// does in the process itself from the moment when a custom handler on the log's thread calls
+/// exit(3) or ends that thread.
 class KY_API kyLog {
 public:
     /// Weight of an entry, in rising order.

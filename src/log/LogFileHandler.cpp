@@ -79,11 +79,10 @@ bool kyLog::installFileHandlerExUtf8(const std::string& folderUtf8, const std::s
     if (error != nullptr)
         error->clear();
     // Lines that other threads log meanwhile wait for the new file.
-    const bool isBackground = mThread && !mThread->isInherited() && !mThread->isCurrent();
-    const Hold hold(isBackground ? mThread.get() : nullptr);
-    if (isBackground)
-        mThread->configureAndHold(*mParameters, &RemoveFile);
-    else
+    const bool isHeld = mThread && mThread->isServing() && !mThread->isCurrent() &&
+                        mThread->configureAndHold(*mParameters, &RemoveFile);
+    const Hold hold(isHeld ? mThread.get() : nullptr);
+    if (!isHeld)
         removeFileHandler();
     const bool needsSlash = !folderUtf8.empty() && folderUtf8.back() != '/';
     const impl::LogFileSettings settings = {

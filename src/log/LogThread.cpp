@@ -83,16 +83,16 @@ void kyLogThread::flush()
     waitUntil([&] { return mWrittenTicket >= ticket; });
 }
 
-void kyLogThread::configure(kyLogParameters& parameters,
+bool kyLogThread::configure(kyLogParameters& parameters,
                             const std::function<void(kyLogParameters&)>& change)
 {
-    makeChange(parameters, change, false);
+    return makeChange(parameters, change, false);
 }
 
-void kyLogThread::configureAndHold(kyLogParameters& parameters,
+bool kyLogThread::configureAndHold(kyLogParameters& parameters,
                                    const std::function<void(kyLogParameters&)>& change)
 {
-    makeChange(parameters, change, true);
+    return makeChange(parameters, change, true);
 }
 
 void kyLogThread::goOn()
@@ -103,13 +103,16 @@ void kyLogThread::goOn()
     wake();
 }
 
-void kyLogThread::makeChange(kyLogParameters& parameters,
+bool kyLogThread::makeChange(kyLogParameters& parameters,
                              const std::function<void(kyLogParameters&)>& change, bool holds)
 {
     const impl::InsideLog inside;
     kyMutexLocker lock(mMutex, true);
     if (!isCurrent())
         waitUntil([&] { return mAdopted == mConfigured; });
+    // Whoever writes on his own from then on reads the parameters without this lock.
+    if (mEnded)
+        return false;
     parameters = mShared;
     change(parameters);
     // While somebody holds the queue, what is in it waits for the last change.
@@ -120,7 +123,7 @@ void kyLogThread::makeChange(kyLogParameters& parameters,
         // A handler that has just removed itself may still run.
         if (!isCurrent())
             waitUntil([&] { return !mChangedByHandler; });
-        return;
+        return true;
     }
     mShared = parameters;
     if (isCurrent()) {
@@ -128,7 +131,7 @@ void kyLogThread::makeChange(kyLogParameters& parameters,
         // queued before.
         mChangedByHandler = true;
         adoptShared();
-        return;
+        return true;
     }
     mTicketBeforeChange = keepsQueue ? mWrittenTicket : mQueuedTicket;
     if (!keepsQueue) {
@@ -139,6 +142,7 @@ void kyLogThread::makeChange(kyLogParameters& parameters,
     mFlushRequested = true;
     wake();
     waitUntil([&] { return mAdopted >= made; });
+    return true;
 }
 
 /// What the writer has to say about itself stays its own.

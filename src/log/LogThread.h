@@ -36,13 +36,15 @@ public:
 
     /// Takes into `parameters` what the writer changed, applies `change` and hands the outcome
     /// over. What is queued already is still written the old way; on return, nothing is any more.
-    /// From the log thread itself, that is from a custom handler, the change acts at once.
-    void configure(kyLogParameters& parameters,
+    /// From the log thread itself, that is from a custom handler, the change acts at once. False,
+    /// and nothing changed, when the thread has ended.
+    bool configure(kyLogParameters& parameters,
                    const std::function<void(kyLogParameters&)>& change);
 
     /// `configure`, and from then on nothing that is queued is written until `goOn`, so that what
-    /// comes between this change and later ones is written under the last of them.
-    void configureAndHold(kyLogParameters& parameters,
+    /// comes between this change and later ones is written under the last of them. Nothing is held
+    /// when it returns false.
+    bool configureAndHold(kyLogParameters& parameters,
                           const std::function<void(kyLogParameters&)>& change);
     void goOn();
 
@@ -52,6 +54,10 @@ public:
     /// Whether fork(2) brought this object into the process: there is no thread behind it, and
     /// whatever another thread held at the fork is held for ever.
     using kyThread::isInherited;
+
+    /// False in a forked child, and for good once the thread has ended, or is about to end the
+    /// process: nobody writes for others then, and whoever logs does it himself. Needs no lock.
+    bool isServing() const { return !isInherited() && !mEnded.load(std::memory_order_acquire); }
 
     /// Writes what the log thread itself logs: from a custom handler, as the writer does with
     /// nested entries; otherwise to all sinks but the handler, which would be called without end.
@@ -80,7 +86,7 @@ private:
 
     class Ending;
 
-    void makeChange(kyLogParameters& parameters,
+    bool makeChange(kyLogParameters& parameters,
                     const std::function<void(kyLogParameters&)>& change, bool holds);
     bool hasWork() const;
     void adoptShared();
@@ -94,6 +100,7 @@ private:
     bool endHere(unsigned long patienceMs);
     void writeRestHere();
 
+    std::atomic<bool> mEnded{false};  // set under mMutex
     kyMutex mMutex;
     impl::Event mWork;
     impl::Event mFlushed;
@@ -116,7 +123,6 @@ private:
     bool mIdle = false;
     bool mFlushRequested = false;
     bool mStopRequested = false;
-    bool mEnded = false;
 
     // True while the thread writes without the lock, and mWorking is its own. Read by a crash
     // handler that must not share the custom handler with it.

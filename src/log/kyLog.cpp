@@ -27,9 +27,9 @@ namespace {
 
 constexpr unsigned long sPatienceMs = 2000;
 
-// What a forked child writes under: the log thread and its lock are the parent's. Recursive, since
-// custom handlers log.
-using ChildLock = impl::ForkSafeLock<struct ChildLockTag>;
+// What callers write under where no log thread serves them: in a forked child, whose log thread and
+// lock are the parent's, and after the thread has ended. Recursive, since custom handlers log.
+using CallersLock = impl::ForkSafeLock<struct CallersLockTag>;
 
 // Kept reachable, so that it does not look like a leak.
 constinit std::atomic<kyLogThread*> sAbandoned{nullptr};
@@ -177,9 +177,9 @@ void kyLog::configure(const std::function<void(kyLogParameters&)>& change)
 {
     if (!mThread)
         return change(*mParameters);
-    if (!mThread->isInherited())
-        return mThread->configure(*mParameters, change);
-    const ChildLock lock;
+    if (mThread->isServing() && mThread->configure(*mParameters, change))
+        return;
+    const CallersLock lock;
     change(*mParameters);
 }
 
@@ -193,7 +193,7 @@ void kyLog::makeThreadSafe()
 
 void kyLog::flush()
 {
-    if (mThread && !mThread->isInherited())
+    if (mThread && mThread->isServing())
         mThread->flush();
 }
 
@@ -208,7 +208,7 @@ void kyLog::writeBatch(std::list<LogEntry>& batch, bool flushNow)
 {
     if (!mThread)
         return WriteImpl(*mParameters, batch);
-    if (!mThread->isInherited()) {
+    if (mThread->isServing()) {
         if (mThread->isCurrent())
             return mThread->writeOwn(batch);
         if (mThread->push(batch.front(), flushNow)) {
@@ -217,7 +217,7 @@ void kyLog::writeBatch(std::list<LogEntry>& batch, bool flushNow)
             return;
         }
     }
-    const ChildLock lock;
+    const CallersLock lock;
     WriteImpl(*mParameters, batch);
 }
 
@@ -244,7 +244,7 @@ void kyLog::writeFromCrash(std::string_view lines)
     const unsigned long now = kySystemUtils::GetTimeBaseMs();
     const unsigned long stuckSince = sStuckSinceMs.load(std::memory_order_relaxed);
     const bool isStuck = stuckSince != 0 && now - stuckSince < reportMs;
-    const bool isHere = !mThread || mThread->isInherited();
+    const bool isHere = !mThread || !mThread->isServing();
     if (isStuck ||
         !(isHere ? writeHereFromCrash(batch) : mThread->writeFromCrash(batch, sPatienceMs))) {
         if (!isStuck)
@@ -260,14 +260,14 @@ void kyLog::writeFromCrash(std::string_view lines)
 bool kyLog::writeHereFromCrash(std::list<LogEntry>& batch)
 {
     const impl::Patience patience(sPatienceMs);
-    while (!ChildLock::TryTake()) {
+    while (!CallersLock::TryTake()) {
         if (patience.isOver())
             return false;
         impl::Nap();
     }
     WriteImpl(*mParameters, batch);
     impl::FinishInterruptedBatch();
-    ChildLock::Give();
+    CallersLock::Give();
     return true;
 }
 
@@ -275,7 +275,7 @@ void kyLog::FlushAtExit()
 {
     sExiting.store(true, std::memory_order_relaxed);
     const kyLog* const log = Instance();
-    if (log == nullptr || !log->mThread || log->mThread->isInherited() ||
+    if (log == nullptr || !log->mThread || !log->mThread->isServing() ||
         sIsStuckAtExit.load(std::memory_order_relaxed))
         return;
     if (!log->mThread->flushWhileItGoesOn(sPatienceMs))
@@ -295,10 +295,10 @@ void kyLog::RegisterProcessHooks()
     static_cast<void>(std::atexit(&FlushAtExit));
     static constexpr auto threadOfLog = []() -> kyLogThread* {
         const kyLog* const log = Instance();
-        return log != nullptr && log->mThread && !log->mThread->isInherited() ? log->mThread.get()
-                                                                              : nullptr;
+        return log != nullptr && log->mThread && log->mThread->isServing() ? log->mThread.get()
+                                                                           : nullptr;
     };
-    // Under the child's lock, since threads may fork together where there is no log thread.
+    // Under the callers' lock, since threads may fork together where there is no log thread.
     static constinit kyLogThread* sLocked = nullptr;
     // Nobody is in the middle of a change of the queue at the fork. The child takes none of the
     // parent's locks ever again.
@@ -307,17 +307,17 @@ void kyLog::RegisterProcessHooks()
             kyLogThread* const thread = threadOfLog();
             if (thread != nullptr)
                 thread->lockForFork();
-            ChildLock::Take();
+            CallersLock::Take();
             sLocked = thread;
         },
         [] {
             kyLogThread* const thread = sLocked;
-            ChildLock::Give();
+            CallersLock::Give();
             if (thread != nullptr)
                 thread->unlockAfterFork();
         },
         [] {
-            ChildLock::Give();
+            CallersLock::Give();
             // Forked on a thread of the library, the child would keep its signals blocked.
             const sigset_t mask = impl::LaunchSignalMask();
             ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);

@@ -81,6 +81,26 @@ ky::test::ChildResult RunAtFullLevel(const std::function<void(kyLog&)>& body)
         ::pause();
 }
 
+std::vector<std::jthread> MakeNoise()
+{
+    std::vector<std::jthread> producers;
+    for (int i = 0; i < 3; ++i)
+        producers.emplace_back([](const std::stop_token& stop) {
+            while (!stop.stop_requested())
+                kyLogObject(kyLog::Info) << "noise";
+        });
+    return producers;
+}
+
+/// By a custom handler, which goes with it.
+void EndLogThread()
+{
+    kyLog& log = *kyLog::Instance();
+    log.installCustomHandler([](Batch&, void*) { ::pthread_exit(nullptr); }, nullptr);
+    kyLogObject(kyLog::Info).setFlushNow() << "ends the log's thread";
+    log.installCustomHandler(nullptr, nullptr);
+}
+
 }  // namespace
 
 TEST(LogThreadOutput, CarriesEveryLineOfManyThreadsOnceWholeAndInOrder)
@@ -170,6 +190,57 @@ TEST(LogThreadAtExit, WritesTheLastLineAlsoWhenAHandlerExitsOrIsStuck)
     }
 }
 
+TEST(LogThreadAtExit, KeepsThoseApartWhoLogBesideAHandlerThatExits)
+{
+    constexpr int lines = 2000;
+    const ky::test::TemporaryFolder folder;
+    const auto result = ky::test::RunInChild([&] {
+        // Registered before the log's own hook and called after it, on the log's thread.
+        std::atexit([] {
+            for (int i = 0; i < lines; ++i)
+                kyLogObject(kyLog::Info) << Line(0, i);
+        });
+        ky::initializeKySystem(ky::InitType::Full, false);
+        kyLog& log = *kyLog::Instance();
+        ASSERT_TRUE(log.installFileHandlerUtf8(folder.path("log")));
+        log.installCustomHandler(
+            [](Batch&, void*) {
+                static std::atomic<bool> sExits = false;
+                if (!sExits.exchange(true))
+                    std::exit(7);
+            },
+            nullptr);
+        const auto producers = MakeNoise();
+        Wait();
+    });
+    EXPECT_EQ(result.exitCode, 7);
+    Texts late = Messages(ky::test::Content(folder.path("log")));
+    std::erase(late, "noise");
+    ExpectAllFrom(1, lines, late);
+}
+
+TEST(LogThreadFork, DoesNotHangWhereTheLogsThreadHasEnded)
+{
+    SKIP_UNDER_SANITIZERS();
+    const auto result = RunAtFullLevel([](kyLog& log) {
+        ::alarm(60);
+        log.setEchoToConsole(false);
+        EndLogThread();
+        log.installCustomHandler(
+            [](Batch& batch, void*) {
+                kyLogObject(kyLog::Info) << "about " << batch.front().message;
+                kyLog::Instance()->setSubTypeEnabled("x", false);
+                kyLog::Instance()->flush();
+            },
+            nullptr);
+        const auto producers = MakeNoise();
+        for (int round = 0; round < 20; ++round)
+            EXPECT_EQ(ky::test::EndOf(ky::test::Fork([] { kyLogObject(kyLog::Info) << "child"; })),
+                      0);
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
 TEST(LogThreadFork, LetsAChildReturnFromAHandlerAndTakeSignals)
 {
     SKIP_UNDER_SANITIZERS();
@@ -245,6 +316,11 @@ TEST(LogThreadCrash, LosesNoLineAndDiesOfTheSignal)
         {"idle log thread", SIGSEGV, [](Batch&, void*) { sLogThread = ::pthread_self(); },
          [] { ::pthread_kill(sLogThread, SIGSEGV); }},
         {"handler", SIGSEGV, [](Batch&, void*) { ky::test::WriteToNull(); }, [] {}},
+        {"after the log's thread", SIGSEGV, nullptr,
+         [] {
+             EndLogThread();
+             ky::test::WriteToNull();
+         }},
     };
     const ky::test::TemporaryFolder folder;
     for (const auto& row : rows) {
