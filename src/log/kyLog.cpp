@@ -164,7 +164,7 @@ bool kyLog::installCustomHandler(CustomHandler handler, void* userData)
 {
     bool installed = false;
     configure([&](kyLogParameters& parameters) {
-        installed = handler == nullptr || parameters.mHandler == nullptr || installed;
+        installed = handler == nullptr || parameters.mHandler == nullptr;
         if (!installed)
             return;
         parameters.mHandler = handler;
