@@ -1,6 +1,16 @@
 #include "tools/Shell.h"
 
+#include "support/FailingCall.h"
+
 #include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <cerrno>
 
 using ky::test::TemporaryFolder;
 
@@ -26,10 +36,13 @@ TEST(RunCommand, GivesTheOutcomeOfItsCommand)
                  {"ky run -e A=1 --env B= -d / -p low -- "
                   "sh -c 'echo $A-$B-$(nice); pwd; grep Sig[BI] /proc/self/status'",
                   0, "1--1\n/\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"},
+                 {"ky run -m '1.5 gIB' -- true"},
                  {"ky run -d /etc/passwd -- true", 1, "", {"ky: Cannot enter /etc/passwd. "}},
                  {"ky run -f /proc/log -- true", 1, "", {"ky: "}}});
-    for (const std::string wrong : {"", "--", "-t 0 -- true", "-t 5x -- true", "-t '1 2' -- true",
-                                    "-t 9999999999999d -- true", "-m 0 -- true", "-e =x -- true"})
+    for (const std::string wrong :
+         {"", "--", "-t 0 -- true", "-t 5x -- true", "-t '1 2' -- true", "-t '1h?' -- true",
+          "-t 9999999999999d -- true", "-m 4096P -- true", "-m 4095 -- true", "-m G -- true",
+          "-m 1x -- true", "-e =x -- true"})
         ExpectShell(folder, {{"ky run " + wrong + " 2> usage", 2}});
 }
 
@@ -76,6 +89,59 @@ TEST(RunCommand, EndsAllThatRunsAtItsLimits)
          {"grep -cE 'A resident size of .* is above |ended by signal 9 \\(SIGKILL\\) after .*, "
           "largest resident size [0-9.]+[MG]B \\(sampled every 100 ms\\)$' log",
           0, "2\n"}});
+}
+
+TEST(RunCommand, GoesOnWhenItIsStuckOrPowerless)
+{
+    const TemporaryFolder folder;
+    const auto runWith = [&](const std::function<void()>& prepare) {
+        return ky::test::RunCommand({KY_COMMAND, "run", "-t", "100ms", "--grace", "100ms", "-f",
+                                     folder.path("log"), "--", "sleep", "1000"},
+                                    "", prepare);
+    };
+    const ky::test::ChildResult stuck = runWith([] {
+        ::signal(SIGTERM, SIG_IGN);  // for the command, too
+        // Nobody reads what it says.
+        int full[2];
+        ASSERT_EQ(::pipe2(full, O_NONBLOCK), 0);
+        while (::write(full[1], "", 1) == 1) {
+        }
+        ::fcntl(full[1], F_SETFL, 0);
+        ::dup2(full[1], STDERR_FILENO);
+    });
+    EXPECT_EQ(stuck.exitCode, 124);
+    EXPECT_EQ(runWith([] { ky::test::LetCallFail(SYS_kill, EPERM); }).exitCode, 124);
+    const std::string limit =
+        "WARNING(run): The time limit of 100ms is over, ending it\n"
+        "WARNING(run): Not ended 100ms later, killing it\n";
+    const std::string start = "INFO(run): Started sleep 1000 as process N\n";
+    ExpectShell(folder,
+                {{sLog, 0,
+                  start + limit + "WARNING(run): process N ended by signal 9 (SIGKILL) after T\n" +
+                      start + limit +
+                      "WARNING(run): What is left may not be killed, leaving it\n"
+                      "WARNING(run): process N was left running after T\n"},
+                 {"kill -9 $(sed -n 's/.* as process //p' log | tail -n 1)"}});
+
+    const ky::test::ChildResult alone = runWith([] { ky::test::LetCallFail(SYS_clone3, EAGAIN); });
+    EXPECT_EQ(alone.exitCode, 1);
+    EXPECT_TRUE(ky::test::Contains(alone.err, "ky: Cannot go on. System error : '(11) EAGAIN"))
+        << alone.err;
+}
+
+TEST(RunCommand, PassesBytesOnThatAreNoText)
+{
+    const TemporaryFolder folder;
+    const std::string name = "\u00e9%41\xff";
+    std::filesystem::create_directory(folder.path(name));
+    const std::string run = "export LC_ALL=C; ky run -f log -e A=x -e A=" + name + " -d " + name;
+    ExpectShell(
+        folder,
+        {{run + " -- sh -c 'printf \"%s|\" \"$@\" \"$A\" $LC_ALL \"${PWD##*/}\"; exit 3' sh " +
+              name + " '' -- 'a\nb'",
+          3, name + "||--|a\nb|" + name + "|C|" + name + "|"},
+         {run + " -- " + name, 127, "", {"ky: Cannot start " + name + ". System error : '(2) ENO"}},
+         {"grep -c 'sh \u00e9%41? .. -- .a?b. as process' log", 0, "1\n"}});
 }
 
 TEST(RunCommand, EndsItsCommandWhenAskedAndPassesOtherSignalsOn)
