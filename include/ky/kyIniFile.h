@@ -15,8 +15,9 @@ namespace ky {
 ///     scale = 1.5
 ///
 /// gives the values "level" and "display/main/scale" (`kyVariantMapImpl::findPathImpl`). A section
-/// without name and "General" are the top level. White space around lines, keys, values and section
-/// names is dropped. A line that begins with ";" is a comment; none stands behind a value.
+/// without name and "General" are the top level. White space around lines, keys and values is
+/// dropped; between the brackets it is part of the name. A line that begins with ";" is a comment;
+/// none stands behind a value.
 ///
 /// A value is a BOOL ("true" or "false" in any case), else an INTEGER (decimal, 0x10, 010), else a
 /// REAL, as far as strtoll(3) with base 0 and strtod(3) of the "C" locale take all of it, and a

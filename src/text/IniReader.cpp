@@ -59,7 +59,7 @@ private:
         if (line.empty() || line.front() == ';')
             return true;
         if (line.front() == '[' && line.back() == ']') {
-            beginSection(TrimAsciiSpace(line.substr(1, line.size() - 2)));
+            beginSection(line.substr(1, line.size() - 2));
             return true;
         }
         const std::size_t equals = line.find('=');

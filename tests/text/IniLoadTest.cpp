@@ -31,8 +31,8 @@ TEST_F(IniFile, ReadsSectionsAndTellsTheLineThatIsWrong)
                    "e/f=4\n[empty]\n[general]\nx=5\n[s/t]\nl=6\n[u]b=c]\nm=7\n[General/x]\ny=8"),
               "");
     EXPECT_EQ(kyVariant(map).toString(),
-              "{General: {x: {y: 8}}, e: {f: 4}, g: 3, general: {x: 5}, "
-              "s: {t: {k#1: \"[x]\", l: 6}}, top: 1, u]b=c: {m: 7}}");
+              "{ s: {t : {k#1: \"[x]\"}}, General: {x: {y: 8}}, e: {f: 4}, g: 3, "
+              "general: {x: 5}, s: {t: {l: 6}}, top: 1, u]b=c: {m: 7}}");
     const std::pair<const char*, const char*> rows[] = {
         {"a=1\n\r\n;c\n  what is this \t\nb=2", "Invalid line (4) what is this in Ini file"},
         {"a=1\n=1", "Invalid key at line (2)  in Ini file"},

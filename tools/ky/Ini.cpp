@@ -125,11 +125,8 @@ bool IsReadBack(const std::string& path)
 {
     const std::size_t slash = path.rfind('/') + 1;
     const std::string key = path.substr(slash);
-    const std::string section = path.substr(0, slash > 0 ? slash - 1 : 0);
-    for (const std::string& name : {key, section})
-        if (name.find('\n') != std::string::npos || HasOuterSpace(name))
-            return false;
-    return key.find('=') == std::string::npos && key.find_first_of("[;") != 0;
+    return path.find('\n') == std::string::npos && !HasOuterSpace(key) &&
+           key.find('=') == std::string::npos && key.find_first_of("[;") != 0;
 }
 
 bool Get(const Options& options)
