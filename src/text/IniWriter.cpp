@@ -1,6 +1,7 @@
 #include "ky/kyLog.h"
 
 #include "text/IniText.h"
+#include "text/PathKeys.h"
 #include "text/ScalarText.h"
 
 #include <algorithm>
@@ -19,7 +20,7 @@ class Assignment {
 public:
     Assignment(const kyVariantMapImpl& from, kyVariantMapImpl& to) : mTarget(to)
     {
-        mOpen.push_back({from.begin(), from.end(), {}, &to, true});
+        mOpen.push_back({from.begin(), from.end(), {}, &to, true, true});
     }
 
     void run()
@@ -32,7 +33,8 @@ public:
             }
             const auto& [key, value] = *level.position++;
             if (const kyVariantMapImpl* const map = value.getMap())
-                mOpen.push_back({map->begin(), map->end(), key, nullptr, false});
+                mOpen.push_back({map->begin(), map->end(), key, nullptr, false,
+                                 level.isPath && impl::IsPath(key, '/')});
             else
                 assign(key, value);
         }
@@ -45,11 +47,14 @@ private:
         std::string_view key;
         kyVariantMapImpl* target;  // null when there is no place for it
         bool isSettled;            // whether the target has been looked up
+        bool isPath;               // whether the keys that lead here can name something
     };
 
     void assign(std::string_view key, const kyVariant& value)
     {
-        kyVariantMapImpl* const map = target();
+        // What has no path must not leave the maps that lead to it.
+        const bool isPath = mOpen.back().isPath && impl::IsPath(key, '/');
+        kyVariantMapImpl* const map = isPath ? target() : nullptr;
         kyVariant* slot = map != nullptr ? map->editValuePath(key) : nullptr;
         if (slot == nullptr)
             slot = mTarget.editValuePath(sNoPlaceKey);

@@ -17,6 +17,8 @@ TEST_F(IniFile, WritesToTheByte)
                 {"z/whole", 3.0},
                 {"A/b", true}});
     map.edit("") = "no place";
+    map.edit("gone") = Map();
+    map.edit("gone").editMap()->edit("") = "no place";
     map.edit("list") = kyVariant::kyVariantListImpl{1};
     map.edit("empty") = Map();
     EXPECT_TRUE(SaveIniFile(path, map, false));
