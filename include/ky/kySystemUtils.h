@@ -33,7 +33,7 @@ public:
     /// Formats seconds since the epoch with the conversions of strftime(3), in local time or in
     /// UTC. UTF-8; month and day names are those of the process locale, and stay in its 8-bit set
     /// while the string utilities are not initialised. A result of more than 128 bytes, an empty
-    /// one and seconds whose year no calendar holds give an empty text.
+    /// one, one that does not convert and seconds whose year no calendar holds give an empty text.
     static std::string ConvertSecElapsedSinceEpochToString(long seconds, const char* format,
                                                            bool localTime);
 

@@ -34,8 +34,11 @@ std::string_view LogTime(long seconds)
     const bool canConvert = IsStringUtilsInitialized();
     if (cache.generation != generation || cache.seconds != seconds ||
         cache.converted != canConvert) {
-        const std::string text =
+        std::string text =
             kySystemUtils::ConvertSecElapsedSinceEpochToString(seconds, sLogTimeFormat, true);
+        // A signal handler that has interrupted a conversion cannot convert.
+        if (text.empty())
+            text = FormatTime(seconds, sLogTimeFormat, true);
         cache.size = static_cast<unsigned short>(std::min(text.size(), sizeof cache.text));
         std::memcpy(cache.text, text.data(), cache.size);
         cache.seconds = seconds;

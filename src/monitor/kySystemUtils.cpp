@@ -5,6 +5,7 @@
 #include "frame/TimeText.h"
 #include "fs/ScopedHandles.h"
 #include "text/Ascii.h"
+#include "text/Charset.h"
 
 #include <string_view>
 
@@ -64,13 +65,12 @@ std::string kySystemUtils::ConvertSecElapsedSinceEpochToString(long seconds, con
                                                                bool localTime)
 {
     std::string text = impl::FormatTime(seconds, format, localTime);
-    if (impl::IsAscii(text))
-        return text;
-    std::string textUtf8 = kyStringUtils::convertCharset(text, kyStringUtils::CharSetLocal8Bit,
-                                                         kyStringUtils::CharSetUtf8);
     // The log stamps lines before the string utilities exist and after they are gone: a time in
     // the local set is better than none.
-    return textUtf8.empty() ? text : textUtf8;
+    if (impl::IsAscii(text) || !impl::IsStringUtilsInitialized())
+        return text;
+    return kyStringUtils::convertCharset(text, kyStringUtils::CharSetLocal8Bit,
+                                         kyStringUtils::CharSetUtf8);
 }
 
 std::string kySystemUtils::GetCurrentTimeAsString(const char* format, bool localTime)

@@ -49,6 +49,7 @@ TEST_F(SystemUtils, FormatsSecondsInLocalTimeAndUtc)
     EXPECT_EQ(convert(1709643787, "%FT%T%z", true), "2024-03-05T14:03:07+0100");
     EXPECT_EQ(convert(-1, "%F %T", false), "1969-12-31 23:59:59");
     EXPECT_EQ(convert(0, "caf\xc3\xa9", false), "caf\xc3\xa9");
+    EXPECT_EQ(convert(0, "\xff", false), "") << "is no UTF-8";
     EXPECT_EQ(convert(0, "", false), "");
     EXPECT_EQ(convert(0, std::string(128, 'x').c_str(), false), std::string(128, 'x'));
     EXPECT_EQ(convert(0, std::string(129, 'x').c_str(), false), "");
