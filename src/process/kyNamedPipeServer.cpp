@@ -109,15 +109,20 @@ bool kyNamedPipeServer::waitForClient(int timeoutMs)
         const Outcome outcome = acceptClient();
         if (outcome == Outcome::Client)
             return true;
-        const int remainingMs = limit.remainingMs();
-        if (remainingMs == 0)
-            return false;
         // A client that cannot be accepted keeps the socket readable: waiting for that would spin.
-        if (outcome == Outcome::Failure)
+        if (outcome == Outcome::Failure) {
+            const int remainingMs = limit.remainingMs();
+            if (remainingMs == 0)
+                return false;
             impl::Pause(remainingMs < 0 ? sPauseMs : std::min(remainingMs, sPauseMs));
-        // So does a shutdown(2).
-        else if (const short events = impl::WaitFor(getSocket(), POLLIN | POLLRDHUP, limit);
-                 events == -1 || (events & POLLRDHUP) != 0)
+            continue;
+        }
+        // Also where no time is left: nothing else tells that the socket is no use any more.
+        const short events = impl::WaitFor(getSocket(), POLLIN | POLLRDHUP, limit);
+        if (events == 0)
+            return false;
+        // A shutdown(2) keeps the socket readable, too.
+        if (events == -1 || (events & POLLRDHUP) != 0)
             closeNamedPipeServer();
     }
     return false;
