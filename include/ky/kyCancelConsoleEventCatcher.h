@@ -6,7 +6,9 @@
 namespace ky {
 
 /// Turns SIGINT and SIGTERM, a terminal's interrupt and a polite kill, into a request to cancel:
-/// from `Create()` to `Delete()` they no longer end the process, however often they come.
+/// from `Create()` to `Delete()` they no longer end the process, however often they come. Unless
+/// the library reaches its full level only then: its crash reports take the two signals over, until
+/// `Create()` is called again.
 ///
 /// The handler blocks no signal and restarts nothing (sigaction(2), no SA_RESTART): a blocking
 /// system call of the host that it interrupts fails with EINTR, so that the host can ask. Waits of

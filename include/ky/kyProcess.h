@@ -23,7 +23,8 @@ namespace ky {
 ///
 /// A finished child is collected by the members that tell its state; one that is never asked about
 /// stays a zombie. Nothing here touches SIGCHLD. Where the host ignores that signal or collects
-/// children itself, the end of a child is told as a crash with exit code 0.
+/// children itself, the end of a child is told as a crash with exit code 0, that of a missing
+/// program too, and a detached start as failed although the program runs.
 ///
 /// An object is used by one thread at a time. No member throws. Not copyable: the child has one
 /// owner.
