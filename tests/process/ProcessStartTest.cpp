@@ -9,6 +9,7 @@
 #include <thread>
 
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <climits>
 
@@ -206,6 +207,22 @@ TEST_F(Process, MergesEnvironmentsByNameAndPassesEveryArgument)
     }
     const Words words = {"[%s]", "a b", "", {"x\0y", 3}, "bad \xff", "*"};
     EXPECT_EQ(PrintedBy([&] { process.startProcess("printf", words); }), "[a b][][x][][*]");
+}
+
+TEST_F(Process, GivesTheProgramAnAbsoluteNiceValue)
+{
+    if (::getpriority(PRIO_PROCESS, 0) != 0)
+        GTEST_SKIP() << "not everybody may go back to 0";
+    const std::string printed = PrintedBy([&] {
+        for (const auto priority : {kyProcess::Low, kyProcess::Low, kyProcess::Inherit,
+                                    kyProcess::Normal, kyProcess::High}) {
+            process.startProcess("nice", {}, false, priority);
+            process.waitForFinished(UINT_MAX);
+            ::setpriority(PRIO_PROCESS, 0, 1);
+        }
+    });
+    // The unprivileged cannot go below their own.
+    EXPECT_TRUE(printed == "1\n1\n1\n0\n-1\n" || printed == "1\n1\n1\n1\n1\n") << printed;
 }
 
 TEST_F(Process, ResolvesTheProgramAgainstTheWorkingDirectory)
