@@ -26,8 +26,9 @@ namespace ky {
 /// a stdio stream while the log is not. Where no thread can be had for the line, it goes to
 /// standard error alone, and the process ends as with a stuck log.
 ///
-/// Setting and asking are for any thread. In a forked child nothing is watched: enabling does
-/// nothing there, and the object can be destroyed.
+/// Before the full level of the library its thread, mutex and condition log a CRITICAL line each,
+/// where there is a log. Setting and asking are for any thread. In a forked child nothing is
+/// watched: enabling does nothing there, and the object can be destroyed.
 class KY_API MemoryWatchDog final : private kyThread {
 public:
     /// Begins to watch at once, with a threshold of `thresholdMiB` * 2^20 bytes modulo 2^64. 0 ends

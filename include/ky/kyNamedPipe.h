@@ -15,9 +15,10 @@ class kyNamedPipeServer;
 /// One end of a local channel of bytes in both directions (unix(7), a stream socket). There are no
 /// messages: what one end appends, the other receives in order, in pieces of any size.
 ///
-/// No call blocks, no thread runs and nothing is received or sent but in `processNamedPipeEvents`,
-/// which the host calls in a loop. A pipe of the name N, in UTF-8, is a file N in the temporary
-/// folder (`kyDirUtils::GetTempFolderUtf8`), which both ends must see alike.
+/// No call blocks that is not told to wait, no thread runs and nothing is received or sent but in
+/// `processNamedPipeEvents`, which the host calls in a loop. A pipe of the name N, in UTF-8, is a
+/// file N in the temporary folder (`kyDirUtils::GetTempFolderUtf8`), which both ends must see
+/// alike.
 ///
 /// An object is used by one thread at a time. No member throws but for want of memory, and a peer
 /// that is gone kills nobody (no SIGPIPE). Programs that the host starts do not get the descriptor;
