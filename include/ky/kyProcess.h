@@ -159,7 +159,8 @@ public:
     /// Make `process` describe this process, or its parent, whose end it follows. What it was
     /// before is forgotten, a child keeps running. Command lines are read up to 4096 bytes; what
     /// proc(5) does not tell stays empty. False, and no change, for a parent in another namespace,
-    /// which has no number here.
+    /// which has no number here. An object that has described the parent follows no child: one
+    /// that it starts later is told as finished at once and is never collected.
     static bool GetCurrentProcess(kyProcess& process);
     static bool GetParentProcess(kyProcess& process);
 

@@ -85,6 +85,7 @@ void kyProcess::Record::collect(int options)
 
 void kyProcess::Record::restart(ProcessState newState)
 {
+    // kept: what has described the parent goes on comparing with that, whatever it starts.
     flags &= Detached | StartedHere | ParentProcess | MergeEnvironment;
     state = newState;
     exitCode = 0;

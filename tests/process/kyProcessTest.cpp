@@ -102,5 +102,10 @@ TEST_F(Process, DescribesItselfAndItsParent)
     ASSERT_TRUE(kyProcess::GetParentProcess(process));
     EXPECT_EQ(process.getPid(), ::getppid());
     EXPECT_FALSE(process.waitForFinished(0));
-    ExpectChildPasses([&] { EXPECT_TRUE(process.waitForFinished(0)) << "has another parent"; });
+    ExpectChildPasses([&] {
+        EXPECT_TRUE(process.waitForFinished(0)) << "has another parent";
+        process.startProcess("sleep", {"1000"});
+        EXPECT_EQ(process.getState(), kyProcess::Finished) << "kept: it follows no child";
+        ::kill(process.getPid(), SIGKILL);
+    });
 }
