@@ -5,7 +5,8 @@
 //     example-daemon HOME status       tells what was found; scan, reload and stop do what they say
 //     echo status | ky pipe connect ky-daemon
 //
-// Ctrl-C, a polite kill and "stop" end it cleanly, within moments of whatever it is at.
+// Ctrl-C, a polite kill and "stop" end it cleanly, within moments of whatever it is at. SIGHUP
+// makes it read its settings again, as "reload" does.
 
 #include "Inventory.h"
 
@@ -22,6 +23,7 @@
 #include "ky/kyThreadPeriodicalUpdater.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <iostream>
 #include <memory>
@@ -32,6 +34,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <cerrno>
+#include <csignal>
 
 using ky::kyDirUtils;
 
@@ -53,47 +56,72 @@ std::string SettingsPath(const std::string& home)
     return kyDirUtils::JoinPath(home, "daemon.ini");
 }
 
+/// False when `setting` is no text, no yes or no, or no number from 1 on, as `value` asks for.
+template <typename Value>
+bool Take(const ky::kyVariant& setting, Value& value)
+{
+    if constexpr (std::is_same_v<Value, std::string>) {
+        value = setting.toString();
+        return !value.empty();
+    } else if constexpr (std::is_same_v<Value, bool>) {
+        value = setting.toBool();
+        return setting.getType() == ky::kyVariant::Bool;
+    } else {
+        const std::int64_t number = setting.toInteger();
+        value = static_cast<Value>(number);
+        return setting.getType() == ky::kyVariant::Integer && number >= 1 && number <= INT_MAX;
+    }
+}
+
 /// False, and no change, when the file is not there or wrong; the log tells why.
 bool ReadSettings(const std::string& home, Settings& settings)
 {
     ky::kyVariant::kyVariantMapImpl file;
     if (!ky::LoadIniFile(SettingsPath(home), file))
         return false;
-    settings = {};
-    const auto take = [&file](const char* path, auto& value) {
+    Settings read;
+    bool isGood = true;
+    const auto take = [&file, &isGood](const char* path, auto& value) {
         const ky::kyVariant* const found = file.findPathImpl(path);
-        if (found == nullptr)
+        if (found == nullptr || Take(*found, value))
             return;
-        using Value = std::remove_reference_t<decltype(value)>;
-        if constexpr (std::is_same_v<Value, std::string>)
-            value = found->toString();
-        else if constexpr (std::is_same_v<Value, bool>)
-            value = found->toBool();
-        else
-            value = static_cast<Value>(std::clamp<std::int64_t>(found->toInteger(), 1, INT_MAX));
+        isGood = false;
+        ky::kyLogObject(ky::kyLog::Critical) << path << " cannot be \"" << found->toString() << '"';
     };
-    take("scan/folder", settings.folder);
-    take("scan/period", settings.periodSeconds);
-    take("log/verbose", settings.isVerbose);
-    take("log/files", settings.logFiles);
-    take("log/bytes", settings.logBytes);
-    take("control/pipe", settings.pipe);
-    take("limits/memory", settings.memoryMiB);
-    take("limits/parent", settings.endsWithParent);
-    return true;
+    take("scan/folder", read.folder);
+    take("scan/period", read.periodSeconds);
+    take("log/verbose", read.isVerbose);
+    take("log/files", read.logFiles);
+    take("log/bytes", read.logBytes);
+    take("control/pipe", read.pipe);
+    take("limits/memory", read.memoryMiB);
+    take("limits/parent", read.endsWithParent);
+    if (isGood)
+        settings = read;
+    return isGood;
 }
 
-/// A new home gets the settings that travel inside the program.
-bool PrepareHome(const std::string& home)
+/// A new home gets the settings that travel inside the program: whole, so that a full disk or a
+/// kill meanwhile does not leave others behind.
+bool PrepareSettings(const std::string& home, std::string& error)
 {
-    if (!kyDirUtils::MkpathUtf8(home))
-        return false;
     if (kyDirUtils::FileExistsUtf8(SettingsPath(home)))
         return true;
+    const std::string beside = SettingsPath(home) + ".new";
     std::string text;
     ky::rc::GetResource("daemon.ini", text);
-    ky::kyIoDeviceFileStream file(SettingsPath(home), ky::kyIoDevice::DataWayWrite, true);
-    return file.writeBytes(text.data(), text.size()) == text.size() && file.close();
+    ky::kyIoDeviceFileStream file(beside, ky::kyIoDevice::DataWayWrite, true);
+    if (file.writeBytes(text.data(), text.size()) == text.size() && file.close())
+        return kyDirUtils::RenameFileUtf8(beside, SettingsPath(home), &error);
+    error = "cannot write " + beside;
+    return false;
+}
+
+std::atomic<bool> sShouldReload = false;  // written by the handler
+
+void OnHangUp(int /*signal*/)
+{
+    sShouldReload = true;
 }
 
 void RequestScan(void* inventory)
@@ -106,6 +134,7 @@ class Daemon {
 public:
     Daemon(std::string home, const Settings& settings)
         : mHome(std::move(home)),
+          mPipe(settings.pipe),
           mSettings(settings),
           mParent(settings.endsWithParent ? std::make_unique<ky::kyCancelIfParentProcessDied>(
                                                 ky::kyCancelConsoleEventCatcher::Get())
@@ -121,22 +150,20 @@ public:
     int run()
     {
         std::string error;
-        if (!apply(error)) {
+        if (!apply(error) || !listen(error)) {
             std::cerr << error << '\n';
             return 1;
         }
-        if (!mServer.listenUtf8(mSettings.pipe))
-            return 1;
         ky::kyLogObject(ky::kyLog::Info) << "started in " << mHome;
         while (!mCancel.shouldCancel() && mServer.getSocket() >= 0) {
             waitForEvents();
+            if (sShouldReload.exchange(false))
+                ky::kyLogObject(ky::kyLog::Info, "control") << "SIGHUP: " << reload();
             mServer.processPipeServerEvents(0);
             mServer.editClients().remove_if([this](const auto& client) { return !serve(*client); });
         }
-        // The lock makes sure that nobody else listens there.
         mServer.closeNamedPipeServer();
-        kyDirUtils::RemoveFileUtf8(
-            kyDirUtils::JoinPath(kyDirUtils::GetTempFolderUtf8(), mSettings.pipe));
+        kyDirUtils::RemoveFileUtf8(pipePath());
         mCancel.cancel();
         ky::kyLogObject(ky::kyLog::Info) << "stopping";
         return 0;
@@ -148,6 +175,29 @@ private:
         if (mParent != nullptr)
             return mParent.get();
         return ky::kyCancelConsoleEventCatcher::Get();
+    }
+
+    std::string pipePath() const
+    {
+        return kyDirUtils::JoinPath(kyDirUtils::GetTempFolderUtf8(), mPipe);
+    }
+
+    /// Who listens on a name takes it over, so a daemon with another home must not have it.
+    bool listen(std::string& error)
+    {
+        if (!mPipeLock.takeLockUtf8(pipePath() + ".lock", nullptr, ky::kyLockFile::Exclusive,
+                                    &error)) {
+            error = "pipe " + mPipe + ": " + error;
+            return false;
+        }
+        error = "cannot listen on " + mPipe + ", see the log";
+        return mServer.listenUtf8(mPipe);
+    }
+
+    std::string reload()
+    {
+        std::string error = "wrong settings, see the log; going on with the old ones";
+        return ReadSettings(mHome, mSettings) && apply(error) ? "done" : error;
     }
 
     /// What may change while it runs.
@@ -214,10 +264,8 @@ private:
             mInventory.requestScan();
             return "scanning\n";
         }
-        if (command == "reload") {
-            std::string error = "wrong settings, see the log; going on with the old ones";
-            return ReadSettings(mHome, mSettings) && apply(error) ? "done\n" : error + "\n";
-        }
+        if (command == "reload")
+            return reload() + "\n";
         if (command != "stop")
             return "status, scan, reload or stop\n";
         mCancel.cancel();
@@ -225,6 +273,8 @@ private:
     }
 
     const std::string mHome;
+    const std::string mPipe;
+    ky::kyLockFile mPipeLock;
     Settings mSettings;
     const std::unique_ptr<ky::kyCancelIfParentProcessDied> mParent;
     ky::kyCancelInterfaceProxy mCancel;
@@ -237,13 +287,14 @@ private:
 int Run(const std::string& home)
 {
     Settings settings;
-    std::string error = "no folder with settings";
+    std::string error = "cannot make the folder";
     ky::kyLockFile lock;
-    const bool isLocked =
-        PrepareHome(home) && lock.takeLockUtf8(kyDirUtils::JoinPath(home, "daemon.lock"), nullptr,
-                                               ky::kyLockFile::Exclusive, &error);
-    if (!isLocked || !ReadSettings(home, settings)) {
-        std::cerr << home << ": " << (isLocked ? "wrong settings, see the log" : error) << '\n';
+    const bool isReady = kyDirUtils::MkpathUtf8(home) &&
+                         lock.takeLockUtf8(kyDirUtils::JoinPath(home, "daemon.lock"), nullptr,
+                                           ky::kyLockFile::Exclusive, &error) &&
+                         PrepareSettings(home, error);
+    if (!isReady || !ReadSettings(home, settings)) {
+        std::cerr << home << ": " << (isReady ? "wrong settings, see the log" : error) << '\n';
         return 1;
     }
     const int exitCode = Daemon(home, settings).run();
@@ -289,6 +340,7 @@ int main(int argc, char** argv)
         exitCode = Ask(home, ToUtf8(argv[2]));
     } else {
         ky::kyCancelConsoleEventCatcher::Create();
+        std::signal(SIGHUP, &OnHangUp);
         exitCode = Run(home);
         ky::kyCancelConsoleEventCatcher::Delete();
     }
