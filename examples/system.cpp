@@ -1,9 +1,11 @@
-// How long something took, when it ended and what it needed, as people write it; and why it failed.
+// Which library this is; how long something took, when it ended and what it needed, as people write
+// it; and why it failed.
 
 #include "ky/SystemError.h"
 #include "ky/kyStringUtils.h"
 #include "ky/kySystem.h"
 #include "ky/kySystemUtils.h"
+#include "ky/kyVersion.h"
 
 #include <iostream>
 #include <string>
@@ -15,6 +17,8 @@
 int main()
 {
     ky::initializeKySystem(ky::InitType::Light, false);
+    std::cout << "kySystem "
+              << kySystem::Version::GetDescStringMajorMinorReleaseRevision(true, true) << '\n';
     const unsigned long startMs = ky::kySystemUtils::GetTimeBaseMs();
     const std::vector<char> work(32 << 20, 'x');
     const auto tookMs = static_cast<long>(ky::kySystemUtils::GetTimeBaseMs() - startMs);

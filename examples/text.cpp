@@ -1,5 +1,6 @@
 // Text that comes from anywhere, made UTF-8, measured, and written out for a terminal and for XML.
 
+#include "ky/kyMathUtils.h"
 #include "ky/kyStringUtils.h"
 #include "ky/kySystem.h"
 
@@ -19,6 +20,7 @@ int main()
     const std::string local = kyStringUtils::convertCharset(title, kyStringUtils::CharSetUtf8,
                                                             kyStringUtils::CharSetLocal8Bit);
     kyStringUtils::EscapeXmlString(title);
+    std::cout << "in groups: " << ky::kyMathUtils::FormatIntegerSeparator(1234567) << '\n';
     std::cout << "on this terminal: " << local << "\nin XML: " << title << '\n';
 
     const bool isGood = !local.empty() && title == "caf\xc3\xa9 &lt;R&amp;D&gt;" &&
