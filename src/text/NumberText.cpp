@@ -159,7 +159,8 @@ void IncrementDigits(std::string& digits)
     digits.insert(0, 1, '1');
 }
 
-using Unsigned128 = unsigned __int128;
+// For hosts that take the sources in and compile with -Wpedantic.
+__extension__ using Unsigned128 = unsigned __int128;
 
 struct Fraction {
     long numerator;
