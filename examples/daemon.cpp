@@ -159,7 +159,8 @@ public:
             waitForEvents();
             if (sShouldReload.exchange(false))
                 ky::kyLogObject(ky::kyLog::Info, "control") << "SIGHUP: " << reload();
-            mServer.processPipeServerEvents(0);
+            while (hasRoom() && mServer.waitForNewConnection(0, nullptr))
+                continue;
             mServer.editClients().remove_if([this](const auto& client) { return !serve(*client); });
         }
         mServer.closeNamedPipeServer();
@@ -224,11 +225,14 @@ private:
         mUpdater.reset();
     }
 
+    /// More clients wait to be accepted, so that descriptors do not run out.
+    bool hasRoom() { return mServer.editClients().size() < 16; }
+
     /// Until a socket has something to do, or a tenth of a second: then it is time to ask whether
     /// to stop. A client that does not take its answers is not read from.
     void waitForEvents()
     {
-        std::vector<pollfd> sockets{{mServer.getSocket(), POLLIN, 0}};
+        std::vector<pollfd> sockets{{hasRoom() ? mServer.getSocket() : -1, POLLIN, 0}};
         for (const auto& client : mServer.editClients()) {
             const short events = client->hasPendingWrite() ? POLLOUT : POLLIN;
             sockets.push_back({client->getSocket(), events, 0});
