@@ -74,7 +74,8 @@ TEST(LogCommand, TakesItsOptions)
                   " | head -100 | ky log -q --file app.log --replace --rotate monthly "
                   "--max-size 1K --max-files 3; cat *.log | grep -c old; ls | wc -l",
               0, "0\n3\n"},
-             {"{ ky log --max-files 3 || ky log -l loud || ky; } 2> usage", 2}});
+             {"{ ky log --max-files 3 || ky log -l loud || ky; } 2> usage", 2},
+             {"ky lug", 2, "", {"not expected: lug", "--help"}}});
 }
 
 TEST(InfoCommand, PrintsVersionProcessMemoryAndClocks)

@@ -94,6 +94,12 @@ int main(int argc, char** argv)
     ky::tool::AddTree(app, exitCode);
     try {
         app.parse(Arguments(end, mark, argv));
+    } catch (const CLI::RequiredError& outcome) {
+        // Before an unknown word the parser sees that a known one is missing.
+        const std::vector<std::string> unknown = app.remaining(true);
+        static_cast<void>(unknown.empty() ? app.exit(outcome)
+                                          : app.exit(CLI::ExtrasError(unknown)));
+        return ky::tool::sUsageError;
     } catch (const CLI::ParseError& outcome) {
         if (app.exit(outcome) != 0)
             return ky::tool::sUsageError;
