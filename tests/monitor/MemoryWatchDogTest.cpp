@@ -5,8 +5,10 @@
 #include "ky/kyThread.h"
 
 #include "support/Child.h"
+#include "support/Crashes.h"
 #include "support/Library.h"
 
+#include <iostream>
 #include <memory>
 #include <regex>
 #include <string>
@@ -39,7 +41,6 @@ void FillStandardOutput()
     while (::write(STDOUT_FILENO, block.data(), block.size()) > 0) {
     }
     ::fcntl(STDOUT_FILENO, F_SETFL, 0);
-    std::thread([] { std::cout << "keeps the lock of the stream" << std::flush; }).detach();
 }
 
 /// A child that a watchdog ends after `prepare`.
@@ -95,6 +96,16 @@ TEST(WatchDogDeath, EndsTheProcessWhoseLogIsStuckAfterItsExitHandlers)
     EXPECT_EQ(byHandler.exitCode, 77) << byHandler.err;
     EXPECT_EQ(byHandler.err, "handled\n");
     EXPECT_EQ(RunUntilKilled(&FillStandardOutput).exitCode, 77);
+}
+
+TEST(WatchDogDeath, EndsTheProcessWhoseStandardOutputIsLocked)
+{
+    SKIP_UNDER_SANITIZERS();
+    const auto result = RunUntilKilled([] {
+        FillStandardOutput();
+        std::thread([] { std::cout << "keeps the lock of the stream" << std::flush; }).detach();
+    });
+    EXPECT_EQ(result.exitCode, 77);
 }
 
 TEST_F(WatchDog, EndsAtOnceAndInAForkedChildToo)
