@@ -118,7 +118,7 @@ def write_table(path, rows, about, picture):
         out.write("# Benchmarks\n\nWritten by `scripts/bench` in one run; nothing here is edited by "
                   "hand. A ratio below 1 means that ours\ntakes less time; what takes over 5 % more "
                   "is bold. The limit is the same work with nothing around\nit. Each program runs "
-                  "ours and the others in turn or one after the other on the same machine:\n\n")
+                  "ours and the others in turn or in random order on the same machine:\n\n")
         out.writelines(f"- {line}\n" for line in about)
         out.write(f"\n![Ratios]({picture})\n\n| what | ours | peer | ours : peer | limit "
                   "| ours : limit | asked for |\n|---|--:|---|--:|---|--:|---|\n")
@@ -152,10 +152,11 @@ def write_picture(path, rows, about):
                        for place, (_, number, bar_kind) in enumerate(bars)
                        if bar_kind == kind) + "e\n"
 
-    script = f"""set terminal svg size 1000,{110 + 18 * len(bars)} font "sans-serif,11" background "white"
+    height = 110 + 18 * len(bars)
+    script = f"""set terminal svg noenhanced size 1000,{height} font "sans-serif,11" background "white"
 set output "{path}"
 set title "Time of ours divided by theirs; left of 1 ours is faster\\n{about[0]}"
-set logscale x 2
+set logscale x 10
 set xrange [{low}:{high}]
 set yrange [-1:{len(bars)}]
 set ytics ({labels})
