@@ -144,6 +144,9 @@ void ConcurrentPool::solve(const std::vector<SolverBase*>& solvers)
     all.erase(std::remove(all.begin(), all.end(), nullptr), all.end());
     if (all.empty())
         return;
+    // Cancelled, a waiting thread would take the stack away from under the workers, and one that
+    // runs the solvers itself would leave the mutex held and the call on its way for ever.
+    const impl::Undisturbed undisturbed;
     if (isFromParent()) {
         RunInChild(all.begin(), all.end());
     } else if (mWorkerCount < 2 || tPoolOfWorker == this) {
@@ -187,8 +190,6 @@ void ConcurrentPool::RunInChild(SolverIterator begin, SolverIterator end)
 
 void ConcurrentPool::handOut(const std::vector<SolverBase*>& solvers)
 {
-    // Cancelled, a waiting thread would take the stack away from under the workers.
-    const impl::Undisturbed undisturbed;
     HandOut handOut{solvers};
     const kyMutexLocker lock(mMutex);
     mOpen.push_back(&handOut);

@@ -108,24 +108,28 @@ TEST_F(Pool, IsDestroyedAtOnceOrAfterTheHandOutsInProgress)
 
 TEST_F(Pool, KeepsACancelledCallerUntilItsSolversAreDone)
 {
-    ConcurrentPool pool(2);
-    std::promise<void> opened;
-    const std::shared_future<void> isOpen = opened.get_future().share();
-    int done = 0;
-    std::thread caller = ky::test::StartUntilAsleep([&] {
-        Solve(pool, 20, [&](kyMutex& mutex, kyWaitCondition&) {
-            mutex.unlock();
-            isOpen.wait();
-            mutex.lock();
-            ++done;
+    for (const unsigned int workers : {1U, 2U}) {
+        SCOPED_TRACE(workers);
+        ConcurrentPool pool(workers);
+        std::promise<void> opened;
+        const std::shared_future<void> isOpen = opened.get_future().share();
+        int done = 0;
+        std::thread caller = ky::test::StartUntilAsleep([&] {
+            Solve(pool, 20, [&](kyMutex& mutex, kyWaitCondition&) {
+                mutex.unlock();
+                isOpen.wait();
+                ::pthread_testcancel();
+                mutex.lock();
+                ++done;
+            });
+            ::pthread_testcancel();
+            ADD_FAILURE() << "the request was lost";
         });
-        ::pthread_testcancel();
-        ADD_FAILURE() << "the request was lost";
-    });
-    ::pthread_cancel(caller.native_handle());
-    opened.set_value();
-    caller.join();
-    EXPECT_EQ(done, 20);
+        ::pthread_cancel(caller.native_handle());
+        opened.set_value();
+        caller.join();
+        EXPECT_EQ(done, 20);
+    }
 }
 
 TEST_F(Pool, WorksOnOneThreadInTheChildOfASolverThatForks)
