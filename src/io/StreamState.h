@@ -23,8 +23,9 @@ public:
             return;
         try {
             mStream.exceptions(mExceptions);
-        } catch (const std::ios_base::failure&) {
-            // It is set all the same and takes effect with the owner's next call.
+        } catch (const std::exception&) {
+            // The failure, or no memory for its text. It is set all the same and takes effect with
+            // the owner's next call.
         }
     }
     Unthrowing(const Unthrowing&) = delete;
