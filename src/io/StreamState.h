@@ -3,6 +3,7 @@
 #include "ky/kyIoDevice.h"
 
 #include <istream>
+#include <ostream>
 
 #include <cxxabi.h>
 
@@ -86,6 +87,29 @@ inline void SeekToRead(std::istream& stream, long offset, std::ios_base::seekdir
     stream.clear();
     if (ReadPosition(stream) != -1)
         stream.setstate(std::ios_base::failbit);
+}
+
+/// `std::ostream`, unlike `std::istream`, lets through what its buffer throws at a positioning.
+inline void SeekToWrite(std::ostream& stream, long offset, std::ios_base::seekdir direction)
+{
+    try {
+        stream.seekp(offset, direction);
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        stream.setstate(std::ios_base::badbit);
+    }
+}
+
+inline long WritePosition(std::ostream& stream)
+{
+    try {
+        return stream.tellp();
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        return -1;
+    }
 }
 
 /// Other values than those of the enumeration are the end.

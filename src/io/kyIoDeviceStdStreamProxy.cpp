@@ -59,7 +59,7 @@ bool kyIoDeviceStdStreamProxy::seek(long offset, SeekStart from)
         impl::SeekToRead(*mInput, offset, impl::SeekDirection(from));
     } else if (mOutput != nullptr) {
         const impl::Unthrowing unthrowing(*mOutput);
-        mOutput->seekp(offset, impl::SeekDirection(from));
+        impl::SeekToWrite(*mOutput, offset, impl::SeekDirection(from));
     }
     return mInput != nullptr || mOutput != nullptr;
 }
@@ -68,7 +68,7 @@ long kyIoDeviceStdStreamProxy::getCurrentPos() const
 {
     if (mOutput != nullptr) {
         const impl::Unthrowing unthrowing(*mOutput);
-        return mOutput->tellp();
+        return impl::WritePosition(*mOutput);
     }
     return mInput != nullptr ? impl::ReadPosition(*mInput) : 0;
 }

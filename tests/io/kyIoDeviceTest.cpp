@@ -101,6 +101,23 @@ TEST_F(IoDevice, ProxiesLeaveStreamsUsableAtTheirEnd)
               "std sub stream is in error after a write : ostream fail and/or bad bit is set");
 }
 
+TEST_F(IoDevice, ProxiesTellOfBuffersThatThrowByNoPosition)
+{
+    struct : std::streambuf {
+        pos_type seekoff(off_type, std::ios_base::seekdir, std::ios_base::openmode) override
+        {
+            throw 1;
+        }
+    } buffer;
+    std::iostream stream(&buffer);
+    const kyIoDeviceStdStreamProxy input(static_cast<std::istream*>(&stream));
+    kyIoDeviceStdStreamProxy output(static_cast<std::ostream*>(&stream));
+    EXPECT_EQ(input.getCurrentPos(), -1);
+    EXPECT_EQ(output.getCurrentPos(), -1);
+    EXPECT_TRUE(output.seek(0, Access::SeekFromBeginning));
+    EXPECT_TRUE(stream.bad());
+}
+
 TEST_F(IoDevice, SeeksWithinBytesAndStopsAtTheirEnds)
 {
     const struct {
