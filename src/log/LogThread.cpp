@@ -181,7 +181,8 @@ void kyLogThread::waitUntil(const std::function<bool()>& done)
     --mWaiters;
 }
 
-/// However the thread ends, pthread_exit(3) in a custom handler included, nobody waits for it.
+/// However the thread ends, pthread_exit(3) in a custom handler included, nobody waits for it, and
+/// what is queued reaches the sinks but the handler.
 class kyLogThread::Ending {
 public:
     explicit Ending(kyLogThread& thread) : mThread(thread) {}
@@ -190,6 +191,10 @@ public:
         if (mThread.isInherited())
             return;
         const kyMutexLocker lock(mThread.mMutex, true);
+        // A handler that has ended the thread would do it again, in the middle of unwinding.
+        mThread.mWorking.mHandler = nullptr;
+        exception::impl::ExecGuardedCode(
+            [](void* self) { static_cast<kyLogThread*>(self)->writeRestHere(); }, &mThread);
         mThread.mEnded = true;
         mThread.mIsWriting.store(false, std::memory_order_relaxed);
         mThread.mFlushed.wakeAll();

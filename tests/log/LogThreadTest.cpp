@@ -115,6 +115,27 @@ TEST(LogThreadOutput, CarriesEveryLineOfManyThreadsOnceWholeAndInOrder)
     ExpectAllFrom(threads, lines, Messages(result.out));
 }
 
+TEST(LogThreadOutput, CarriesWhatIsQueuedWhenAHandlerEndsTheThread)
+{
+    const auto result = RunAtFullLevel([](kyLog& log) {
+        static std::promise<void> entered;
+        static std::promise<void> leave;
+        const auto end = [](Batch&, void*) {
+            entered.set_value();
+            leave.get_future().wait();
+            ::pthread_exit(nullptr);
+        };
+        log.installCustomHandler(end, nullptr);
+        kyLogObject(kyLog::Info) << "ends the log's thread";
+        entered.get_future().wait();
+        kyLogObject(kyLog::Info) << "queued";
+        leave.set_value();
+        ky::terminateKySystem();
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_NE(result.out.find(": queued\n"), std::string::npos) << result.out;
+}
+
 TEST_F(LogThread, HoldsAProducerBackAboveSixteenMebibytesOnly)
 {
     std::promise<void> entered;
