@@ -44,7 +44,8 @@ public:
     ///
     /// Any number of threads may call it at once: who comes first is served first. Called by a
     /// solver of this pool it runs the solvers on the spot, one after the other. A solver must not
-    /// wait for another thread that hands out to the same pool.
+    /// wait for another thread that hands out to the same pool. A caller that is cancelled
+    /// (pthreads(7)) meanwhile goes on to the return.
     void solve(const std::vector<SolverBase*>& solvers);
 
 private:

@@ -3,8 +3,8 @@
 #include "ky/kyException.h"
 #include "ky/kyThread.h"
 
+#include "frame/CancelBan.h"
 #include "frame/ProcessId.h"
-#include "frame/Undisturbed.h"
 #include "thread/LockDepth.h"
 #include "thread/ProcessPool.h"
 
@@ -146,7 +146,7 @@ void ConcurrentPool::solve(const std::vector<SolverBase*>& solvers)
         return;
     // Cancelled, a waiting thread would take the stack away from under the workers, and one that
     // runs the solvers itself would leave the mutex held and the call on its way for ever.
-    const impl::Undisturbed undisturbed;
+    const impl::CancelBan ban;
     if (isFromParent()) {
         RunInChild(all.begin(), all.end());
     } else if (mWorkerCount < 2 || tPoolOfWorker == this) {
